@@ -1,0 +1,7 @@
+/* ZendraPlatform: every public header. */
+#ifndef ZENDRA_ZENDRA_H
+#define ZENDRA_ZENDRA_H
+
+#include <zendra/platform.h>
+
+#endif

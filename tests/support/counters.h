@@ -1,0 +1,28 @@
+// Resource-counter snapshots and the leak assertion.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <zendra/platform.h>
+
+namespace zt {
+
+PLT_RESOURCE_STATS Snapshot();
+
+// after - before, field by field (wrapping in 32/64 bits like the counters).
+PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_STATS& after);
+
+// Live counters that a check may leave aside, when the behaviour under test
+// keeps such objects on purpose.
+enum LiveMask : unsigned {
+    kCheckAll = 0,
+    kIgnoreThreads = 1u << 0,
+    kIgnoreEvents = 1u << 1,
+    kIgnoreAllocations = 1u << 2,
+};
+
+// Every live counter (and live byte count) is where it was in `before`.
+::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before, unsigned ignore = kCheckAll);
+
+}  // namespace zt
+
+#define EXPECT_NO_LEAKS(before, ...) EXPECT_TRUE(::zt::NoLeaks(before, ##__VA_ARGS__))
