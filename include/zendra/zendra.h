@@ -3,5 +3,6 @@
 #define ZENDRA_ZENDRA_H
 
 #include <zendra/platform.h>
+#include <zendra/os.h>
 
 #endif
