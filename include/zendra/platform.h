@@ -144,6 +144,122 @@ ZENDRA_API uint32_t Dummy(uint32_t x);
 /* SMART write counters are not supported: always 50. */
 ZENDRA_API PLT_STATUS PltGetSMARTAttribsWrites(void);
 
+/* ---- mutexes, fast locks, spin locks and events ----
+ * Callers own the storage; init fills it in place, delete leaves it stale. */
+
+typedef struct PLT_MUTEX {
+    HANDLE handle;
+} PLT_MUTEX;
+
+typedef struct PLT_EVENT {
+    HANDLE handle;
+} PLT_EVENT;
+
+/* Both are a critical section with spin count 1024; they differ only in the
+ * counters they move. */
+typedef CRITICAL_SECTION PLT_FAST_LOCK;
+typedef CRITICAL_SECTION PLT_SPIN_LOCK;
+
+#define PLT_EVENT_MANUAL_RESET 1 /* any other kind is auto-reset */
+
+ZENDRA_LAYOUT(sizeof(PLT_MUTEX) == 8);
+ZENDRA_LAYOUT(sizeof(PLT_EVENT) == 8);
+ZENDRA_LAYOUT(sizeof(PLT_FAST_LOCK) == 40);
+
+ZENDRA_API PLT_STATUS PltInitializeMutex(PLT_MUTEX* mutex, const wchar_t* name);
+/* *result: PLT_WAIT_TIMEOUT, PLT_WAIT_SIGNALED or PLT_WAIT_ABANDONED; a time-out
+ * returns 0 like an acquisition. */
+ZENDRA_API PLT_STATUS PltAcquireMutex(PLT_MUTEX* mutex, uint32_t timeoutMs, uint32_t* result);
+ZENDRA_API PLT_STATUS PltReleaseMutex(PLT_MUTEX* mutex);
+ZENDRA_API PLT_STATUS PltDeleteMutex(PLT_MUTEX* mutex);
+
+ZENDRA_API PLT_STATUS PltInitializeFastLock(PLT_FAST_LOCK* lock);
+ZENDRA_API PLT_STATUS PltAcquireFastLock(PLT_FAST_LOCK* lock);
+ZENDRA_API PLT_STATUS PltReleaseFastLock(PLT_FAST_LOCK* lock);
+ZENDRA_API PLT_STATUS PltDeleteFastLock(PLT_FAST_LOCK* lock);
+
+ZENDRA_API PLT_STATUS PltInitializeSpinLock(PLT_SPIN_LOCK* lock);
+ZENDRA_API PLT_STATUS PltAcquireSpinLock(PLT_SPIN_LOCK* lock);
+ZENDRA_API PLT_STATUS PltReleaseSpinLock(PLT_SPIN_LOCK* lock);
+ZENDRA_API PLT_STATUS PltDeleteSpinLock(PLT_SPIN_LOCK* lock);
+
+ZENDRA_API PLT_STATUS PltInitializeEvent(PLT_EVENT* event, int32_t kind, int32_t signaled,
+                                         const wchar_t* name);
+ZENDRA_API PLT_STATUS PltAcquireEvent(PLT_EVENT* event, uint32_t timeoutMs, uint32_t* result);
+ZENDRA_API PLT_STATUS PltSetEvent(PLT_EVENT* event);
+ZENDRA_API PLT_STATUS PltReleaseEvent(PLT_EVENT* event);
+ZENDRA_API PLT_STATUS PltPulseEvent(PLT_EVENT* event);
+ZENDRA_API PLT_STATUS PltResetEvent(PLT_EVENT* event);
+ZENDRA_API PLT_STATUS PltDeleteEvent(PLT_EVENT* event);
+
+/* ---- reader-writer locks ----
+ * Acquisition writes a ticket that the caller hands back on release. These
+ * calls do not follow the status convention; callers ignore their results. */
+
+#define PLT_TICKET_NONE 0u
+#define PLT_TICKET_READ 1u
+#define PLT_TICKET_READ_BY_WRITER 2u
+#define PLT_TICKET_WRITE 3u
+#define PLT_TICKET_WRITE_AGAIN 4u
+
+typedef struct PLT_RW_SPIN_LOCK {
+    CRITICAL_SECTION lock; /* held by a writer for the whole of its write */
+    uint32_t readers;
+    uint32_t writers;      /* holding or waiting, recursive holds included */
+    uint64_t owner;        /* thread id of the writer, 0 when none */
+} PLT_RW_SPIN_LOCK;
+
+typedef struct PLT_RW_LOCK {
+    HANDLE mutex;          /* held by a writer for the whole of its write */
+    HANDLE noReaders;      /* auto-reset; signalled while there are no readers */
+    uint32_t readers;
+    uint32_t writers;
+    uint64_t owner;
+} PLT_RW_LOCK;
+
+ZENDRA_LAYOUT(offsetof(PLT_RW_SPIN_LOCK, readers) == 40);
+ZENDRA_LAYOUT(offsetof(PLT_RW_SPIN_LOCK, writers) == 44);
+ZENDRA_LAYOUT(offsetof(PLT_RW_SPIN_LOCK, owner) == 48);
+ZENDRA_LAYOUT(sizeof(PLT_RW_SPIN_LOCK) == 56);
+ZENDRA_LAYOUT(offsetof(PLT_RW_LOCK, noReaders) == 8);
+ZENDRA_LAYOUT(offsetof(PLT_RW_LOCK, readers) == 16);
+ZENDRA_LAYOUT(offsetof(PLT_RW_LOCK, writers) == 20);
+ZENDRA_LAYOUT(offsetof(PLT_RW_LOCK, owner) == 24);
+ZENDRA_LAYOUT(sizeof(PLT_RW_LOCK) == 32);
+
+ZENDRA_API uint32_t InitializeReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock);
+ZENDRA_API uint32_t DestroyReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock);
+ZENDRA_API void AcquireReadSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket);
+ZENDRA_API uint32_t AcquireWriteSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket);
+ZENDRA_API void ReleaseReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket);
+
+ZENDRA_API uint32_t InitializeReadWriteLock(PLT_RW_LOCK* lock);
+ZENDRA_API uint32_t DestroyReadWriteLock(PLT_RW_LOCK* lock);
+ZENDRA_API uint32_t AcquireReadLock(PLT_RW_LOCK* lock, uint32_t* ticket);
+ZENDRA_API uint32_t AcquireWriteLock(PLT_RW_LOCK* lock, uint32_t* ticket);
+ZENDRA_API uint32_t ReleaseReadWriteLock(PLT_RW_LOCK* lock, uint32_t* ticket);
+
+/* ---- remove locks ---- */
+
+typedef struct PLT_REMOVE_LOCK {
+    uint32_t removing; /* 1 once release-and-wait has been called */
+    uint32_t count;    /* outstanding acquisitions; starts at 0, not 1 */
+    HANDLE event;      /* set by the last release while removing */
+} PLT_REMOVE_LOCK;
+
+ZENDRA_LAYOUT(offsetof(PLT_REMOVE_LOCK, count) == 4);
+ZENDRA_LAYOUT(offsetof(PLT_REMOVE_LOCK, event) == 8);
+ZENDRA_LAYOUT(sizeof(PLT_REMOVE_LOCK) == 16);
+
+/* Returns the low 32 bits of the new event handle on success (non-zero!):
+ * judge success by lock->event being non-null. */
+ZENDRA_API PLT_STATUS PltInitRemoveLock(PLT_REMOVE_LOCK* lock);
+ZENDRA_API PLT_STATUS PltAcquireRemoveLock(PLT_REMOVE_LOCK* lock);
+ZENDRA_API PLT_STATUS PltReleaseRemoveLock(PLT_REMOVE_LOCK* lock);
+/* The owner's last call: drops its own acquisition and waits for the others.
+ * A time-out is not reported; a second call returns 1 at once. */
+ZENDRA_API PLT_STATUS PltReleaseRemoveLockAndWait(PLT_REMOVE_LOCK* lock, uint32_t timeoutMs);
+
 #ifdef __cplusplus
 }
 #endif
