@@ -260,6 +260,129 @@ ZENDRA_API PLT_STATUS PltReleaseRemoveLock(PLT_REMOVE_LOCK* lock);
  * A time-out is not reported; a second call returns 1 at once. */
 ZENDRA_API PLT_STATUS PltReleaseRemoveLockAndWait(PLT_REMOVE_LOCK* lock, uint32_t timeoutMs);
 
+/* ---- lookaside lists ----
+ * Fixed-size entries carved from chunks; each chunk carries a bitmap of the
+ * entries handed out. The list record lives in caller storage. */
+
+#define PLT_LOOKASIDE_MAX_DEPTH 8192u   /* entries per chunk: the bitmap's size */
+#define PLT_LOOKASIDE_CHUNK_HEADER 1048u
+#define PLT_NO_LIMIT 0xFFFFFFFFu
+
+typedef struct PLT_LOOKASIDE_CHUNK {
+    struct PLT_LOOKASIDE_CHUNK* next;     /* next chunk, or the list head */
+    struct PLT_LOOKASIDE_CHUNK* previous; /* previous chunk, or the list head */
+    uint32_t inUse;                       /* entries of this chunk handed out */
+    uint32_t reserved;                    /* zero */
+    uint64_t bitmap[128];                 /* bit i of word w: entry 64w + i handed out */
+    /* entry k follows at PLT_LOOKASIDE_CHUNK_HEADER + k * entry size */
+} PLT_LOOKASIDE_CHUNK;
+
+typedef struct PLT_LOOKASIDE_LIST {
+    uint8_t unlocked;       /* non-zero: no lock, the caller serialises */
+    uint8_t state;          /* private: 1 after a failed init, only the lock exists */
+    uint16_t scanWord;      /* private: no clear bit below this word of roomChunk */
+    uint32_t entrySize;
+    uint32_t perChunk;      /* requested depth, capped at PLT_LOOKASIDE_MAX_DEPTH */
+    uint32_t maxInUse;      /* PLT_NO_LIMIT for none */
+    uint32_t inUse;
+    uint32_t chunks;
+    uint32_t tag;
+    uint32_t allocFlags;
+    CRITICAL_SECTION lock;  /* initialised only when locked */
+    PLT_LOOKASIDE_CHUNK* first; /* chunk list head, in order of creation */
+    PLT_LOOKASIDE_CHUNK* last;
+    /* Private: the oldest chunk with room and the chunk last looked up, with
+     * their positions in the chunk list, so that allocation and free do not
+     * walk every full chunk. Null when not known. */
+    PLT_LOOKASIDE_CHUNK* roomChunk;
+    PLT_LOOKASIDE_CHUNK* recentChunk;
+    uint32_t roomIndex;
+    uint32_t recentIndex;
+} PLT_LOOKASIDE_LIST;
+
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_CHUNK, inUse) == 16);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_CHUNK, reserved) == 20);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_CHUNK, bitmap) == 24);
+ZENDRA_LAYOUT(sizeof(PLT_LOOKASIDE_CHUNK) == PLT_LOOKASIDE_CHUNK_HEADER);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, entrySize) == 4);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, perChunk) == 8);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, maxInUse) == 12);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, inUse) == 16);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, chunks) == 20);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, tag) == 24);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, allocFlags) == 28);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, lock) == 32);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, first) == 72);
+ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, last) == 80);
+ZENDRA_LAYOUT(sizeof(PLT_LOOKASIDE_LIST) == 112);
+
+/* entrySize 0 and depth 0 are refused with 87. A caller's firstChunk must
+ * come from PltMalloc under the same tag and hold at least
+ * 1048 + entrySize * min(depth, 8192) bytes: the list frees it like its own. */
+ZENDRA_API PLT_STATUS PltInitLookasideList(PLT_LOOKASIDE_LIST* list, uint32_t entrySize,
+                                           uint32_t depth, uint32_t maxInUse, uint8_t unlocked,
+                                           void* firstChunk, uint32_t allocFlags, uint32_t tag);
+/* The lowest free entry of the oldest chunk with room; null at the limit or
+ * when memory is exhausted. */
+ZENDRA_API void* PltAllocateFromLookasideList(PLT_LOOKASIDE_LIST* list);
+/* Addresses outside every chunk, and entries already free, are ignored. */
+ZENDRA_API void PltFreeToLookasideList(PLT_LOOKASIDE_LIST* list, void* entry);
+/* Frees every chunk with no entry in use, the first one included. */
+ZENDRA_API void PltCompactLookasideList(PLT_LOOKASIDE_LIST* list);
+ZENDRA_API void PltFreeLookasideList(PLT_LOOKASIDE_LIST* list);
+
+/* ---- work-item pools ----
+ * Worker threads that grow with the backlog up to a maximum. Workers take the
+ * most recently queued item first; an item queued with toFront set goes to
+ * the far end and runs after every item already queued. */
+
+typedef uint32_t (*PLT_WORK_ITEM_ROUTINE)(uint64_t argument1, uint64_t argument2);
+
+/* One 40-byte entry of the pool's item list; its address is the handle. */
+typedef struct PLT_WORK_ITEM {
+    PLT_WORK_ITEM_ROUTINE callback;
+    uint64_t argument1;
+    uint64_t argument2;
+    struct PLT_WORK_ITEM* next;     /* queue links; both null once taken */
+    struct PLT_WORK_ITEM* previous;
+} PLT_WORK_ITEM;
+
+ZENDRA_LAYOUT(sizeof(PLT_WORK_ITEM) == 40);
+ZENDRA_LAYOUT(offsetof(PLT_WORK_ITEM, next) == 24);
+
+typedef struct PLT_WORK_ITEM_POOL PLT_WORK_ITEM_POOL;
+
+/* Argument of a worker thread: the pool and the worker's slot. */
+typedef struct PLT_WORKER_ARGUMENT {
+    PLT_WORK_ITEM_POOL* pool;
+    uint32_t slot;
+} PLT_WORKER_ARGUMENT;
+
+/* 87 for bad counts or when the pool record cannot be had. Any later
+ * failure returns 0 with *pool null: test the pointer, not only the status. */
+ZENDRA_API PLT_STATUS PltInitWorkItemPool(PLT_WORK_ITEM_POOL** pool, uint32_t initialThreads,
+                                          uint32_t maximumThreads, uint32_t priority);
+/* runPending 0 discards queued items uncalled; otherwise the workers drain the
+ * queue within the time-out (ms, PLT_INFINITE for none). Workers still running
+ * then are terminated. */
+ZENDRA_API PLT_STATUS PltDeleteWorkItemPool(PLT_WORK_ITEM_POOL* pool, uint8_t runPending,
+                                            uint32_t timeoutMs);
+/* *item (optional) is always written: the handle, or null on failure.
+ * 0xFFFFFFFF once deletion has begun. */
+ZENDRA_API PLT_STATUS PltAddWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM** item,
+                                     PLT_WORK_ITEM_ROUTINE callback, uint64_t argument1,
+                                     uint64_t argument2, uint8_t toFront);
+/* Only for items known to be still queued; an item already taken is left. */
+ZENDRA_API PLT_STATUS PltRemoveWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM* item);
+/* Worker thread entry. */
+ZENDRA_API uint32_t PltThreadFunc(PLT_WORKER_ARGUMENT* argument);
+
+/* ---- start-up and shutdown ----
+ * Calls nest; the first PltInit builds the default pool (4 workers, up to 8)
+ * and the last PltCleanup drains it for at most 1000 ms. */
+ZENDRA_API PLT_STATUS PltInit(void);
+ZENDRA_API PLT_STATUS PltCleanup(void);
+
 #ifdef __cplusplus
 }
 #endif

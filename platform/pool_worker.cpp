@@ -1,0 +1,133 @@
+// The worker loop, the grow step and retirement.
+#include <zendra/os.h>
+#include <zendra/platform.h>
+
+#include "os/priority.h"
+#include "platform/counters.h"
+#include "platform/pool_internal.h"
+#include "platform/status.h"
+#include "platform/sync_internal.h"
+
+using namespace zendra;
+
+namespace {
+
+constexpr DWORD kWakeWaitMs = 10000;
+
+bool Stopping(const PLT_WORK_ITEM_POOL* pool) {
+    return __atomic_load_n(&pool->stopping, __ATOMIC_ACQUIRE) != 0;
+}
+
+uint32_t Pending(const PLT_WORK_ITEM_POOL* pool) {
+    return __atomic_load_n(&pool->pending, __ATOMIC_ACQUIRE);
+}
+
+uint32_t Live(const PLT_WORK_ITEM_POOL* pool) {
+    return __atomic_load_n(&pool->liveThreads, __ATOMIC_ACQUIRE);
+}
+
+// Under the queue lock. With fewer than two items pending, pending - 2 wraps,
+// the target becomes the maximum and nobody retires: kept on purpose. The
+// live count drops here, in the same hold of the lock, so that two workers
+// never both retire on one count.
+bool ShouldRetire(PLT_WORK_ITEM_POOL* pool) {
+    uint32_t pending = Pending(pool);
+    uint32_t live = Live(pool);
+    if (pending >= live + 2) return false;
+    uint32_t surplus = pending - 2;
+    uint32_t floor = surplus > pool->initialThreads ? surplus : pool->initialThreads;
+    uint32_t target = floor < pool->maximumThreads ? floor : pool->maximumThreads;
+    if (live <= target) return false;
+    __atomic_fetch_sub(&pool->liveThreads, 1u, __ATOMIC_ACQ_REL);
+    return true;
+}
+
+PLT_WORK_ITEM* TakeTail(PLT_WORK_ITEM_POOL* pool) {
+    EnterCriticalSection(&pool->queueLock);
+    ListLink* link = ListPopBack(&pool->queue);
+    if (link != nullptr) link->next = link->prev = nullptr;
+    LeaveCriticalSection(&pool->queueLock);
+    if (link == nullptr) return nullptr;
+    return reinterpret_cast<PLT_WORK_ITEM*>(reinterpret_cast<char*>(link) -
+                                            offsetof(PLT_WORK_ITEM, next));
+}
+
+void Run(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM* item) {
+    PLT_WORK_ITEM_ROUTINE callback = item->callback;
+    if (callback != nullptr) callback(item->argument1, item->argument2);
+    item->callback = nullptr;
+    PltFreeToLookasideList(&pool->items, item);
+}
+
+}  // namespace
+
+namespace zendra {
+
+PLT_STATUS StartWorker(PLT_WORK_ITEM_POOL* pool, uint32_t slot) {
+    pool->arguments[slot].pool = pool;
+    pool->arguments[slot].slot = slot;
+    PLT_STATUS status =
+        PltCreateThread(reinterpret_cast<PLT_THREAD_ROUTINE>(&PltThreadFunc),
+                        &pool->arguments[slot], &pool->threads[slot], nullptr);
+    if (status != kOk) return status;
+    if (pool->threads[slot] == nullptr) return kNotFound;  // no thread and no error code
+    __atomic_fetch_add(&pool->liveThreads, 1u, __ATOMIC_ACQ_REL);
+    if (!SetThreadPriority(pool->threads[slot], ThreadPriorityOf(pool->priority)))
+        return GetLastError();
+    return kOk;
+}
+
+PLT_STATUS GrowPool(PLT_WORK_ITEM_POOL* pool) {
+    uint32_t live = Live(pool);
+    if (Stopping(pool) || live >= pool->maximumThreads || Pending(pool) < live + 2) return kOk;
+    for (uint32_t slot = 0; slot < pool->maximumThreads; ++slot) {
+        if (pool->threads[slot] == nullptr) return StartWorker(pool, slot);
+    }
+    return kNotFound;
+}
+
+void ForgetWorker(PLT_WORK_ITEM_POOL* pool, uint32_t slot) {
+    EnterCriticalSection(&pool->queueLock);
+    HANDLE thread = pool->threads[slot];
+    pool->threads[slot] = nullptr;
+    LeaveCriticalSection(&pool->queueLock);
+    if (thread == nullptr) return;
+    CloseCounted(thread, Pair::Thread);
+    __atomic_fetch_sub(&pool->liveThreads, 1u, __ATOMIC_ACQ_REL);
+}
+
+}  // namespace zendra
+
+extern "C" uint32_t PltThreadFunc(PLT_WORKER_ARGUMENT* argument) {
+    if (argument == nullptr || argument->pool == nullptr) return kInvalidParameter;
+    PLT_WORK_ITEM_POOL* pool = argument->pool;
+    const uint32_t slot = argument->slot;
+    bool retiring = false;
+    // A stopping worker still drains the queue: it leaves only once nothing
+    // is pending.
+    while (!retiring && (!Stopping(pool) || Pending(pool) != 0)) {
+        WaitForSingleObject(pool->wake, kWakeWaitMs);
+        if (Stopping(pool) && Pending(pool) == 0) break;
+        PLT_WORK_ITEM* item = TakeTail(pool);
+        if (item == nullptr) continue;
+        __atomic_fetch_sub(&pool->pending, 1u, __ATOMIC_ACQ_REL);
+        SetEvent(pool->wake);  // another worker may look at the queue
+        Run(pool, item);
+        EnterCriticalSection(&pool->queueLock);
+        retiring = !Stopping(pool) && ShouldRetire(pool);
+        LeaveCriticalSection(&pool->queueLock);
+    }
+    SetEvent(pool->wake);
+    SetEvent(pool->wake);
+    if (!retiring) return kPoolStopping;  // the shutdown wait owns the handle
+
+    EnterCriticalSection(&pool->queueLock);
+    // Once stopping is set the shutdown wait may be waiting on this handle:
+    // leave it to the wait then, as a stopping worker does.
+    if (!Stopping(pool)) {
+        CloseCounted(pool->threads[slot], Pair::Thread);
+        pool->threads[slot] = nullptr;
+    }
+    LeaveCriticalSection(&pool->queueLock);
+    return 0;  // retired (1283 in the worker's own terms) ends with 0
+}
