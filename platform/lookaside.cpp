@@ -196,7 +196,7 @@ extern "C" void PltFreeToLookasideList(PLT_LOOKASIDE_LIST* list, void* entry) {
     if ((chunk->bitmap[word] & mask) == 0) return;  // already free: a double free is ignored
     chunk->bitmap[word] &= ~mask;
     --chunk->inUse;
-    __atomic_fetch_sub(&list->inUse, 1u, __ATOMIC_RELAXED);
+    --list->inUse;  // under the list's lock, or the caller's serialisation
 
     // Every chunk ahead of the room chunk is full, so a chunk ahead of it
     // that gets an entry back has exactly this one free.
