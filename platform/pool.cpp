@@ -185,6 +185,9 @@ extern "C" PLT_STATUS PltAddWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM** h
     item->argument1 = argument1;
     item->argument2 = argument2;
     item->next = item->previous = nullptr;
+    // The handle is written before a worker can see the item, so that it may
+    // live in memory the callback releases.
+    if (handle != nullptr) *handle = item;
     __atomic_fetch_add(&pool->pending, 1u, __ATOMIC_ACQ_REL);
 
     EnterCriticalSection(&pool->queueLock);
@@ -196,7 +199,6 @@ extern "C" PLT_STATUS PltAddWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM** h
     GrowPool(pool);  // its status is not the caller's concern
     LeaveCriticalSection(&pool->queueLock);
     SetEvent(pool->wake);
-    if (handle != nullptr) *handle = item;
     return kOk;
 }
 

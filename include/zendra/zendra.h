@@ -3,6 +3,7 @@
 #define ZENDRA_ZENDRA_H
 
 #include <zendra/platform.h>
+#include <zendra/msgbus.h>
 #include <zendra/os.h>
 
 #endif
