@@ -4,5 +4,6 @@
 
 #include <zendra/platform.h>
 #include <zendra/os.h>
+#include <zendra/text.h>
 
 #endif
