@@ -43,14 +43,25 @@ PLT_STATUS AllocatingConversion(const From* text, To** out, uint32_t tag) {
     return kOk;
 }
 
-// Into the caller's buffer: fine only when the runtime had room left for the
-// terminator.
+// Whether the whole text converts into `room` units with its terminator. In
+// a double-byte locale the runtime stops short of a character that does not
+// fit and writes no terminator, so a short count alone does not prove it.
+template <typename To, typename From>
+PLT_STATUS CheckRoom(const From* text, size_t room) {
+    size_t needed = Convert(static_cast<To*>(nullptr), text, 0);
+    if (needed == kConversionError) return kInvalidCharacters;
+    return needed < room ? kOk : kBufferOverflow;
+}
+
+// Into the caller's buffer: 0 only when the terminator was written.
 template <typename To, typename From>
 PLT_STATUS BufferConversion(const From* text, To* buffer, uint32_t room) {
     if (text == nullptr || buffer == nullptr) return kInvalidParameter;
+    PLT_STATUS fits = CheckRoom<To>(text, room);
+    if (fits == kInvalidCharacters) return fits;
     size_t converted = Convert(buffer, text, room);
     if (converted == kConversionError) return kInvalidCharacters;
-    return converted < room ? kOk : kBufferOverflow;
+    return converted < room ? fits : kBufferOverflow;
 }
 
 }  // namespace
@@ -99,13 +110,15 @@ extern "C" PLT_STATUS WideToAnsiV(char** out, const wchar_t* format, va_list arg
     }
     text[n] = L'\0';
 
-    // A multibyte locale may need more than n bytes: the zero-filled block
-    // keeps a short result terminated, a full one is refused.
-    size_t converted = wcstombs(static_cast<char*>(result), text, n + 1);
-    if (converted == kConversionError)
-        status = kInvalidCharacters;
-    else if (converted >= n + 1)
-        status = kBufferOverflow;
+    // A multibyte locale may need more than the n + 1 bytes there are.
+    status = CheckRoom<char>(text, n + 1);
+    if (status == kOk) {
+        size_t converted = wcstombs(static_cast<char*>(result), text, n + 1);
+        if (converted == kConversionError)
+            status = kInvalidCharacters;
+        else if (converted >= n + 1)
+            status = kBufferOverflow;
+    }
     PltFree(&work, tag);
     if (status != kOk) PltFree(&result, tag);
     // Without `out` a successful result has no owner; callers always pass it.
