@@ -40,7 +40,8 @@ void MeasureActive() {
                 for (long i = 0; i < n; ++i) ShaGetHash(data.data(), size, digest);
             },
             o);
-        std::string label = size >= 1024 ? std::to_string(size / 1024) + " KiB" : std::to_string(size) + " B";
+        std::string label =
+            size >= 1024 ? std::to_string(size / 1024) + " KiB" : std::to_string(size) + " B";
         if (size == 1u << 20) label = "1 MiB";
         zb::Report("ShaGetHash " + label + " [" + impl + "]", size / ns * 1000.0, "MB/s");
     }
@@ -76,7 +77,8 @@ void MeasurePortableInChild() {
     std::string output;
     char chunk[4096];
     DWORD got;
-    while (ReadFile(readEnd, chunk, sizeof chunk, &got, nullptr) && got > 0) output.append(chunk, got);
+    while (ReadFile(readEnd, chunk, sizeof chunk, &got, nullptr) && got > 0)
+        output.append(chunk, got);
     WaitForSingleObject(child.hProcess, INFINITE);
     CloseHandle(child.hProcess);
     CloseHandle(child.hThread);

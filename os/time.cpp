@@ -27,9 +27,19 @@ void FillDateTime(const SYSTEMTIME& st, PLT_DATE_TIME* out) {
 uint32_t CurrentBias() {
     TIME_ZONE_INFORMATION zone;
     DWORD id = GetTimeZoneInformation(&zone);
-    bool known = id == TIME_ZONE_ID_UNKNOWN || id == TIME_ZONE_ID_STANDARD ||
-                 id == TIME_ZONE_ID_DAYLIGHT;
+    bool known =
+        id == TIME_ZONE_ID_UNKNOWN || id == TIME_ZONE_ID_STANDARD || id == TIME_ZONE_ID_DAYLIGHT;
     return known ? static_cast<uint32_t>(zone.Bias) : 0;
+}
+
+// The current date and time as `now` reads it, with the zone's bias.
+PLT_STATUS CurrentDateTime(void(WINAPI* now)(LPSYSTEMTIME), PLT_DATE_TIME* dateTime) {
+    if (dateTime == nullptr) return kInvalidParameter;
+    SYSTEMTIME st;
+    now(&st);
+    FillDateTime(st, dateTime);
+    dateTime->timeZoneBias = CurrentBias();
+    return kOk;
 }
 
 }  // namespace
@@ -73,21 +83,11 @@ extern "C" PLT_STATUS PltDateTimeToTime(const PLT_DATE_TIME* dateTime, uint64_t*
 }
 
 extern "C" PLT_STATUS PltGetSystemDateTime(PLT_DATE_TIME* dateTime) {
-    if (dateTime == nullptr) return kInvalidParameter;
-    SYSTEMTIME st;
-    GetSystemTime(&st);
-    FillDateTime(st, dateTime);
-    dateTime->timeZoneBias = CurrentBias();
-    return kOk;
+    return CurrentDateTime(GetSystemTime, dateTime);
 }
 
 extern "C" PLT_STATUS PltGetLocalDateTime(PLT_DATE_TIME* dateTime) {
-    if (dateTime == nullptr) return kInvalidParameter;
-    SYSTEMTIME st;
-    GetLocalTime(&st);
-    FillDateTime(st, dateTime);
-    dateTime->timeZoneBias = CurrentBias();
-    return kOk;
+    return CurrentDateTime(GetLocalTime, dateTime);
 }
 
 extern "C" PLT_STATUS PltGetTimeZoneDifference(int32_t* minutes) {

@@ -12,23 +12,24 @@ namespace zendra {
 // four rounds with the function of rounds 20 x (g / 5), and advances the
 // schedule: msg2 completes the vector three groups ahead of its use, msg1
 // starts the one for g + 3, the XOR feeds the one for g + 2.
-#define SHA1_GROUP(g, enext, eother)                                                      \
-    do {                                                                                  \
-        enext = _mm_sha1nexte_epu32(enext, m[(g) % 4]);                                   \
-        eother = abcd;                                                                    \
-        if ((g) >= 3 && (g) <= 18)                                                        \
-            m[((g) + 1) % 4] = _mm_sha1msg2_epu32(m[((g) + 1) % 4], m[(g) % 4]);          \
-        abcd = _mm_sha1rnds4_epu32(abcd, enext, (g) / 5);                                 \
-        if ((g) <= 16) m[((g) + 3) % 4] = _mm_sha1msg1_epu32(m[((g) + 3) % 4], m[(g) % 4]); \
+#define SHA1_GROUP(g, enext, eother)                                                               \
+    do {                                                                                           \
+        enext = _mm_sha1nexte_epu32(enext, m[(g) % 4]);                                            \
+        eother = abcd;                                                                             \
+        if ((g) >= 3 && (g) <= 18)                                                                 \
+            m[((g) + 1) % 4] = _mm_sha1msg2_epu32(m[((g) + 1) % 4], m[(g) % 4]);                   \
+        abcd = _mm_sha1rnds4_epu32(abcd, enext, (g) / 5);                                          \
+        if ((g) <= 16) m[((g) + 3) % 4] = _mm_sha1msg1_epu32(m[((g) + 3) % 4], m[(g) % 4]);        \
         if ((g) >= 2 && (g) <= 17) m[((g) + 2) % 4] = _mm_xor_si128(m[((g) + 2) % 4], m[(g) % 4]); \
     } while (0)
 
 __attribute__((target("sha,ssse3,sse4.1"))) void Sha1BlocksShaNi(uint32_t state[5],
-                                                                    const uint8_t* data,
-                                                                    size_t blocks) {
+                                                                 const uint8_t* data,
+                                                                 size_t blocks) {
     // Big-endian words, and ABCD with A in the highest lane.
     const __m128i byteSwap = _mm_set_epi64x(0x0001020304050607LL, 0x08090A0B0C0D0E0FLL);
-    __m128i abcd = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(state)), 0x1B);
+    __m128i abcd =
+        _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(state)), 0x1B);
     __m128i e0 = _mm_set_epi32(static_cast<int>(state[4]), 0, 0, 0);
     __m128i e1;
     __m128i m[4];

@@ -24,17 +24,17 @@ inline uint32_t Maj(uint32_t b, uint32_t c, uint32_t d) { return (b & c) + (d & 
 
 // Rounds 0-15 take the block's words; later rounds extend the ring in place.
 #define SHA1_W(i) \
-    (w[(i) & 15] = Rol(w[((i) + 13) & 15] ^ w[((i) + 8) & 15] ^ w[((i) + 2) & 15] ^ w[(i) & 15], 1))
-#define SHA1_ROUND(a, b, c, d, e, f, k, wi)          \
-    do {                                             \
-        e += Rol(a, 5) + f(b, c, d) + (k) + (wi);    \
-        b = Rol(b, 30);                              \
+    (w[(i)&15] = Rol(w[((i) + 13) & 15] ^ w[((i) + 8) & 15] ^ w[((i) + 2) & 15] ^ w[(i)&15], 1))
+#define SHA1_ROUND(a, b, c, d, e, f, k, wi)       \
+    do {                                          \
+        e += Rol(a, 5) + f(b, c, d) + (k) + (wi); \
+        b = Rol(b, 30);                           \
     } while (0)
-#define SHA1_FIVE(i, f, k, W)                            \
-    SHA1_ROUND(a, b, c, d, e, f, k, W(i));               \
-    SHA1_ROUND(e, a, b, c, d, f, k, W((i) + 1));         \
-    SHA1_ROUND(d, e, a, b, c, f, k, W((i) + 2));         \
-    SHA1_ROUND(c, d, e, a, b, f, k, W((i) + 3));         \
+#define SHA1_FIVE(i, f, k, W)                    \
+    SHA1_ROUND(a, b, c, d, e, f, k, W(i));       \
+    SHA1_ROUND(e, a, b, c, d, f, k, W((i) + 1)); \
+    SHA1_ROUND(d, e, a, b, c, f, k, W((i) + 2)); \
+    SHA1_ROUND(c, d, e, a, b, f, k, W((i) + 3)); \
     SHA1_ROUND(b, c, d, e, a, f, k, W((i) + 4))
 #define SHA1_LOAD(i) (w[i] = LoadBigEndian(data + 4 * (i)))
 

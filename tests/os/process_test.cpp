@@ -36,10 +36,10 @@ struct Call {
 };
 Call g_call;
 
-BOOL WINAPI RecordingCreateProcess(LPCWSTR application, LPWSTR commandLine,
-                                   LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL inherit,
-                                   DWORD flags, LPVOID environment, LPCWSTR directory,
-                                   LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
+BOOL WINAPI RecordingCreateProcess(LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES,
+                                   LPSECURITY_ATTRIBUTES, BOOL inherit, DWORD flags,
+                                   LPVOID environment, LPCWSTR directory, LPSTARTUPINFOW startup,
+                                   LPPROCESS_INFORMATION info) {
     ++g_call.count;
     g_call.application = application != nullptr ? application : L"<null>";
     g_call.commandLine = commandLine != nullptr ? commandLine : L"<null>";

@@ -62,13 +62,13 @@ TEST(PltTimeToDateTime, FailuresAndNull) {
 
 TEST(PltDateTimeToTime, RoundTripsAndRecomputesTheDayOfWeek) {
     const PLT_DATE_TIME dates[] = {
-        Record(1601, 1, 1, 0, 0, 0, 0),      Record(1970, 1, 1, 0, 0, 0, 0),
+        Record(1601, 1, 1, 0, 0, 0, 0),       Record(1970, 1, 1, 0, 0, 0, 0),
         Record(2000, 2, 29, 12, 30, 45, 500), Record(2024, 12, 31, 23, 59, 59, 999),
-        Record(2038, 1, 19, 3, 14, 8, 1),    Record(30827, 12, 31, 23, 59, 59, 999),
+        Record(2038, 1, 19, 3, 14, 8, 1),     Record(30827, 12, 31, 23, 59, 59, 999),
     };
     for (PLT_DATE_TIME in : dates) {
-        in.dayOfWeek = 6;         // ignored on the way in
-        in.timeZoneBias = 300;    // ignored as well: the record is UTC
+        in.dayOfWeek = 6;       // ignored on the way in
+        in.timeZoneBias = 300;  // ignored as well: the record is UTC
         uint64_t time = 0;
         ASSERT_EQ(PltDateTimeToTime(&in, &time), 0u) << in.year;
         PLT_DATE_TIME out;
@@ -168,24 +168,20 @@ TEST(Clocks, SystemAndLocalDateTimeCarryTheZoneBias) {
 
 // A simulated zone: UTC-5 with one hour of daylight saving.
 DWORD g_zoneId;
-DWORD WINAPI FakeTimeZone(LPTIME_ZONE_INFORMATION zone) {
+// Both zone records start with the same fields.
+template <typename Zone>
+DWORD WINAPI FakeZone(Zone* zone) {
     memset(zone, 0, sizeof *zone);
     zone->Bias = 300;
     zone->DaylightBias = -60;
     if (g_zoneId == TIME_ZONE_ID_INVALID) SetLastError(ERROR_ACCESS_DENIED);
     return g_zoneId;
 }
-DWORD WINAPI FakeDynamicTimeZone(PDYNAMIC_TIME_ZONE_INFORMATION zone) {
-    memset(zone, 0, sizeof *zone);
-    zone->Bias = 300;
-    zone->DaylightBias = -60;
-    if (g_zoneId == TIME_ZONE_ID_INVALID) SetLastError(ERROR_ACCESS_DENIED);
-    return g_zoneId;
-}
+void* const FakeTimeZone = reinterpret_cast<void*>(&FakeZone<TIME_ZONE_INFORMATION>);
+void* const FakeDynamicTimeZone = reinterpret_cast<void*>(&FakeZone<DYNAMIC_TIME_ZONE_INFORMATION>);
 
 TEST(PltGetTimeZoneDifference, AddsTheDaylightBiasInEverySeason) {
-    zt::ImportHook hook("GetDynamicTimeZoneInformation",
-                        reinterpret_cast<void*>(&FakeDynamicTimeZone));
+    zt::ImportHook hook("GetDynamicTimeZoneInformation", FakeDynamicTimeZone);
     for (DWORD id : {TIME_ZONE_ID_STANDARD, TIME_ZONE_ID_DAYLIGHT, TIME_ZONE_ID_UNKNOWN}) {
         g_zoneId = id;
         int32_t minutes = 0;
@@ -195,8 +191,7 @@ TEST(PltGetTimeZoneDifference, AddsTheDaylightBiasInEverySeason) {
 }
 
 TEST(PltGetTimeZoneDifference, FailureAndUnknownResults) {
-    zt::ImportHook hook("GetDynamicTimeZoneInformation",
-                        reinterpret_cast<void*>(&FakeDynamicTimeZone));
+    zt::ImportHook hook("GetDynamicTimeZoneInformation", FakeDynamicTimeZone);
     int32_t minutes = 12345;
     g_zoneId = TIME_ZONE_ID_INVALID;
     EXPECT_EQ(PltGetTimeZoneDifference(&minutes), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
@@ -216,7 +211,7 @@ TEST(PltGetTimeZoneDifference, RealZoneMatchesWin32) {
 }
 
 TEST(Clocks, BiasComesFromTheZoneOnlyWhenItAnswers) {
-    zt::ImportHook hook("GetTimeZoneInformation", reinterpret_cast<void*>(&FakeTimeZone));
+    zt::ImportHook hook("GetTimeZoneInformation", FakeTimeZone);
     PLT_DATE_TIME t;
     g_zoneId = TIME_ZONE_ID_DAYLIGHT;
     ASSERT_EQ(PltGetSystemDateTime(&t), 0u);

@@ -60,8 +60,9 @@ TEST(StrStringToHex, ParsesUpperAndLowerCaseDigits) {
 }
 
 TEST(StrStringToHex, RoundTripsTheSelfCheckValues) {
-    const wchar_t* values[] = {L"\\xFE\\xED\\xf0\\x0d", L"\\xFE\\xED\\xbe\\xef", L"\\xB1\\x00\\x0d\\xed",
-                               L"\\xDE\\xAD\\xbe\\xef", L"\\xC0\\xFF\\xee\\xee", L"\\xDE\\xEE\\xec\\xaf",
+    const wchar_t* values[] = {L"\\xFE\\xED\\xf0\\x0d", L"\\xFE\\xED\\xbe\\xef",
+                               L"\\xB1\\x00\\x0d\\xed", L"\\xDE\\xAD\\xbe\\xef",
+                               L"\\xC0\\xFF\\xee\\xee", L"\\xDE\\xEE\\xec\\xaf",
                                L"\\xC0\\xD1\\xf1\\xed"};
     for (const wchar_t* value : values) {
         uint8_t bytes[4];

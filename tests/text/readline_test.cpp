@@ -153,7 +153,8 @@ TEST(ReadLine, AllocationFailureReturns8AndLeavesThePosition) {
 TEST(ReadLine, ReadsEveryLineOfALargeBuffer) {
     // Three 4096-byte blocks of lines, as the self-check writes them.
     std::wstring text;
-    while (text.size() * 2 < 3 * 4096) text += L"line of text " + std::to_wstring(text.size()) + L"\n";
+    while (text.size() * 2 < 3 * 4096)
+        text += L"line of text " + std::to_wstring(text.size()) + L"\n";
     text.resize(3 * 4096 / 2);
     const uint32_t bytes = static_cast<uint32_t>(text.size() * 2);
     uint32_t position = 0;

@@ -34,7 +34,9 @@ std::string Sha(const void* data, uint32_t length) {
     return Hex(digest);
 }
 
-std::string Sha(const std::string& text) { return Sha(text.data(), static_cast<uint32_t>(text.size())); }
+std::string Sha(const std::string& text) {
+    return Sha(text.data(), static_cast<uint32_t>(text.size()));
+}
 
 // The system's SHA-1, written without reference to the library's code.
 class SystemSha1 {
@@ -132,8 +134,8 @@ TEST(Sha1, LargeInputsMatchTheSystem) {
     std::mt19937 random(7);
     std::vector<uint8_t> data((16u << 20) + 77);
     for (uint8_t& b : data) b = static_cast<uint8_t>(random());
-    for (size_t length : {size_t{4096}, size_t{65537}, size_t{1} << 20, (size_t{1} << 20) + 13,
-                          data.size()}) {
+    for (size_t length :
+         {size_t{4096}, size_t{65537}, size_t{1} << 20, (size_t{1} << 20) + 13, data.size()}) {
         EXPECT_EQ(Sha(data.data(), static_cast<uint32_t>(length)), reference(data.data(), length))
             << length;
     }

@@ -102,8 +102,8 @@ TEST(StrTrim, StripsOnlySpacesAtBothEnds) {
         {L"  Left Trim", L"Left Trim", 9},
         {L"Right Trim ", L"Right Trim", 10},
         {L" Both left and right Trim ", L"Both left and right Trim", 24},
-        {L"\tabc", L"\tabc", 4},          // a tab is text
-        {L" a\r\n ", L"a\r\n", 3},        // so are line ends
+        {L"\tabc", L"\tabc", 4},    // a tab is text
+        {L" a\r\n ", L"a\r\n", 3},  // so are line ends
         {L" x ", L"x", 1},
         {L"a  b", L"a  b", 4},
     };
