@@ -11,6 +11,7 @@ constexpr uint32_t kInvalidHandle = 6;        // also: free before any allocatio
 constexpr uint32_t kNoMemory = 8;             // heap exhausted, or caller's space too small
 constexpr uint32_t kInvalidAccess = 12;
 constexpr uint32_t kInvalidData = 13;         // bad hexadecimal digit
+constexpr uint32_t kNoMoreFiles = 18;         // an enumeration found nothing
 constexpr uint32_t kBadLength = 24;           // a module name does not fit
 constexpr uint32_t kNotSupported = 50;
 constexpr uint32_t kInvalidParameter = 87;

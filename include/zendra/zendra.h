@@ -5,5 +5,6 @@
 #include <zendra/platform.h>
 #include <zendra/msgbus.h>
 #include <zendra/os.h>
+#include <zendra/text.h>
 
 #endif
