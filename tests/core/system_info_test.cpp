@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <zendra/platform.h>
 
-#include "import_hook.h"
+#include "import_failure.h"
 
 namespace {
 
@@ -21,13 +21,8 @@ TEST(PltGetMemoryPageSize, ReportsTheSystemPageSize) {
     EXPECT_EQ(PltGetMemoryPageSize(nullptr), 87u);
 }
 
-BOOL WINAPI FailingIsWow64(HANDLE, PBOOL) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
-}
-
 TEST(PltGetMemoryPageSize, Wow64QueryFailureLeaves4096) {
-    zt::ImportHook hook("IsWow64Process", reinterpret_cast<void*>(&FailingIsWow64));
+    ZT_FAIL_IMPORT(IsWow64Process, ERROR_ACCESS_DENIED);
     uint32_t size = 12345;
     EXPECT_EQ(PltGetMemoryPageSize(&size), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(size, 4096u);

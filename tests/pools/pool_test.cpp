@@ -12,7 +12,7 @@
 
 #include "counters.h"
 #include "heap_failure.h"
-#include "import_hook.h"
+#include "import_failure.h"
 #include "sync_helpers.h"
 
 namespace {
@@ -389,11 +389,6 @@ TEST(PoolCreateFailure, EveryAllocationFailureGivesItsStatusAndANullPool) {
     EXPECT_EQ(failures, 6);
 }
 
-HANDLE WINAPI FailCreateEvent(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR) {
-    SetLastError(ERROR_NO_SYSTEM_RESOURCES);
-    return nullptr;
-}
-
 int g_threadsAllowed;
 HANDLE WINAPI LimitedCreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stack, LPTHREAD_START_ROUTINE fn,
                                   LPVOID param, DWORD flags, LPDWORD id) {
@@ -404,34 +399,27 @@ HANDLE WINAPI LimitedCreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stack, LPTHRE
     return CreateThread(sa, stack, fn, param, flags, id);
 }
 
-BOOL WINAPI FailSetThreadPriority(HANDLE, int) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
-}
-
 TEST(PoolCreateFailure, Win32CreationFailuresGiveZeroAndANullPool) {
-    struct Case {
-        const char* import;
-        void* fake;
-        int threadsAllowed;
-    };
-    const Case cases[] = {
-        {"CreateEventW", reinterpret_cast<void*>(&FailCreateEvent), 0},
-        {"CreateThread", reinterpret_cast<void*>(&LimitedCreateThread), 0},
-        {"CreateThread", reinterpret_cast<void*>(&LimitedCreateThread), 2},
-        {"SetThreadPriority", reinterpret_cast<void*>(&FailSetThreadPriority), 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.import) + " allowed " + std::to_string(c.threadsAllowed));
+    auto attempt = [](const char* what) {
+        SCOPED_TRACE(what);
         PLT_RESOURCE_STATS before = zt::Snapshot();
-        g_threadsAllowed = c.threadsAllowed;
         PLT_WORK_ITEM_POOL* pool = reinterpret_cast<PLT_WORK_ITEM_POOL*>(1);
-        {
-            zt::ImportHook hook(c.import, c.fake);
-            EXPECT_EQ(PltInitWorkItemPool(&pool, 3, 4, 2), 0u);
-        }
+        EXPECT_EQ(PltInitWorkItemPool(&pool, 3, 4, 2), 0u);
         EXPECT_EQ(pool, nullptr);
         ExpectOnlyWorkersRemain(before);
+    };
+    {
+        ZT_FAIL_IMPORT(CreateEventW, ERROR_NO_SYSTEM_RESOURCES);
+        attempt("wake event");
+    }
+    {
+        ZT_FAIL_IMPORT(SetThreadPriority, ERROR_ACCESS_DENIED);
+        attempt("worker priority");
+    }
+    for (int allowed : {0, 2}) {
+        g_threadsAllowed = allowed;
+        zt::ImportHook hook("CreateThread", reinterpret_cast<void*>(&LimitedCreateThread));
+        attempt(allowed == 0 ? "first worker" : "third worker");
     }
 }
 

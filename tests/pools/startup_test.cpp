@@ -8,7 +8,7 @@
 
 #include "counters.h"
 #include "heap_failure.h"
-#include "import_hook.h"
+#include "import_failure.h"
 
 namespace {
 
@@ -59,15 +59,10 @@ TEST(Startup, PoolRecordFailureIs87AndTheCountIsNotTakenBack) {
     EXPECT_NO_LEAKS(before);
 }
 
-HANDLE WINAPI FailCreateEvent(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR) {
-    SetLastError(ERROR_NO_SYSTEM_RESOURCES);
-    return nullptr;
-}
-
 TEST(Startup, LaterFailuresAreNotReportedAndLeaveNoDefaultPool) {
     PLT_RESOURCE_STATS before = zt::Snapshot();
     {
-        zt::ImportHook hook("CreateEventW", reinterpret_cast<void*>(&FailCreateEvent));
+        ZT_FAIL_IMPORT(CreateEventW, ERROR_NO_SYSTEM_RESOURCES);
         EXPECT_EQ(PltInit(), 0u);
     }
     EXPECT_EQ(PltCleanup(), 87u);

@@ -20,9 +20,15 @@ enum LiveMask : unsigned {
     kIgnoreAllocations = 1u << 2,
 };
 
+// The counters moved by exactly `expected` since `before` (every field; the
+// ones left out of `expected` must not have moved).
+::testing::AssertionResult DeltaIs(const PLT_RESOURCE_STATS& before,
+                                   const PLT_RESOURCE_STATS& expected);
+
 // Every live counter (and live byte count) is where it was in `before`.
 ::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before, unsigned ignore = kCheckAll);
 
 }  // namespace zt
 
 #define EXPECT_NO_LEAKS(before, ...) EXPECT_TRUE(::zt::NoLeaks(before, ##__VA_ARGS__))
+#define EXPECT_DELTA(before, ...) EXPECT_TRUE(::zt::DeltaIs(before, PLT_RESOURCE_STATS __VA_ARGS__))

@@ -23,11 +23,16 @@ LPVOID WINAPI FailingHeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
     return g_original(heap, flags, bytes);
 }
 
+const char* Arm(int nth) {
+    InterlockedExchange(&g_calls, 0);
+    InterlockedExchange(&g_failAt, nth);
+    InterlockedExchange(&g_failed, 0);
+    return "HeapAlloc";
+}
+
 }  // namespace
 
-HeapFailure::HeapFailure(int nth)
-    : hook_((g_calls = 0, g_failAt = nth, g_failed = 0, "HeapAlloc"),
-            reinterpret_cast<void*>(&FailingHeapAlloc)) {}
+HeapFailure::HeapFailure(int nth) : hook_(Arm(nth), reinterpret_cast<void*>(&FailingHeapAlloc)) {}
 
 HeapFailure::~HeapFailure() = default;
 

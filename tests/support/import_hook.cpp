@@ -61,3 +61,9 @@ ImportHook::~ImportHook() {
 }
 
 }  // namespace zt
+
+#include "import_failure.h"
+
+namespace zt {
+DWORD g_importError;
+}  // namespace zt

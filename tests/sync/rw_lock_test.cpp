@@ -10,7 +10,7 @@
 #include <zendra/platform.h>
 
 #include "counters.h"
-#include "import_hook.h"
+#include "import_failure.h"
 #include "sync_helpers.h"
 
 namespace {
@@ -208,26 +208,20 @@ TYPED_TEST(RwLocks, WritersExcludeEveryoneUnderContention) {
 
 TEST(RwSpinLock, CountsInItsOwnAndTheCriticalSectionPairs) {
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    PLT_RW_SPIN_LOCK lock;
+    PLT_RW_SPIN_LOCK lock, zero{};
     memset(&lock, 0xAA, sizeof lock);
     EXPECT_NE(InitializeReadWriteSpinLock(&lock), 0u);
-    EXPECT_EQ(lock.readers, 0u);
-    EXPECT_EQ(lock.writers, 0u);
-    EXPECT_EQ(lock.owner, 0u);
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    PLT_RESOURCE_STATS expected{};
-    expected.RwSpinLockCount = expected.LiveRwSpinLockCount = 1;
-    expected.CriticalSectionCount = expected.LiveCriticalSectionCount = 1;
-    EXPECT_EQ(memcmp(&d, &expected, sizeof d), 0);
+    EXPECT_EQ(lock.readers | lock.writers | lock.owner, 0u);
+    EXPECT_DELTA(before, {.RwSpinLockCount = 1, .LiveRwSpinLockCount = 1,
+                          .CriticalSectionCount = 1, .LiveCriticalSectionCount = 1});
     EXPECT_EQ(DestroyReadWriteSpinLock(&lock), 0u);
-    PLT_RW_SPIN_LOCK zero{};
     EXPECT_EQ(memcmp(&lock, &zero, sizeof lock), 0) << "the record is zeroed";
     EXPECT_NO_LEAKS(before);
 }
 
 TEST(RwLock, CountsInItsOwnTheEventAndTheMutexPairs) {
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    PLT_RW_LOCK lock;
+    PLT_RW_LOCK lock, zero{};
     memset(&lock, 0xAA, sizeof lock);
     uint32_t bits = InitializeReadWriteLock(&lock);
     ASSERT_NE(lock.noReaders, nullptr);
@@ -235,68 +229,35 @@ TEST(RwLock, CountsInItsOwnTheEventAndTheMutexPairs) {
     EXPECT_EQ(bits, static_cast<uint32_t>(reinterpret_cast<uintptr_t>(lock.noReaders)));
     EXPECT_EQ(WaitForSingleObject(lock.noReaders, 0), WAIT_OBJECT_0) << "initially signalled";
     SetEvent(lock.noReaders);  // put back the signal the check consumed
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    PLT_RESOURCE_STATS expected{};
-    expected.RwLockCount = expected.LiveRwLockCount = 1;
-    expected.EventCount = expected.LiveEventCount = 1;
-    expected.MutexCount = expected.LiveMutexCount = 1;
-    EXPECT_EQ(memcmp(&d, &expected, sizeof d), 0);
+    EXPECT_DELTA(before, {.RwLockCount = 1, .LiveRwLockCount = 1, .EventCount = 1,
+                          .LiveEventCount = 1, .MutexCount = 1, .LiveMutexCount = 1});
+    uint32_t t = 0;
+    EXPECT_NE(AcquireReadLock(&lock, &t), 0u) << "reports the mutex release";
+    ReleaseReadWriteLock(&lock, &t);
     EXPECT_EQ(DestroyReadWriteLock(&lock), 0u);
-    PLT_RW_LOCK zero{};
     EXPECT_EQ(memcmp(&lock, &zero, sizeof lock), 0);
     EXPECT_NO_LEAKS(before);
 }
 
-TEST(RwLock, ReadAcquireReportsTheMutexRelease) {
-    PLT_RW_LOCK lock;
-    InitializeReadWriteLock(&lock);
-    uint32_t t = 0;
-    EXPECT_NE(AcquireReadLock(&lock, &t), 0u);
-    ReleaseReadWriteLock(&lock, &t);
-    DestroyReadWriteLock(&lock);
-}
-
-HANDLE WINAPI FailCreateMutex(LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR) {
-    SetLastError(ERROR_TOO_MANY_SEMAPHORES);
-    return nullptr;
-}
-HANDLE WINAPI FailCreateEvent(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR) {
-    SetLastError(ERROR_NO_SYSTEM_RESOURCES);
-    return nullptr;
-}
-
-TEST(RwLock, FailedMutexIsReportedAndOnlyTheCreatedObjectsCount) {
+TEST(RwLock, CreationFailuresAreReportedAndOnlyTheCreatedObjectsCount) {
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    PLT_RW_LOCK lock;
+    PLT_RW_LOCK noMutex, noEvent;
     {
-        zt::ImportHook hook("CreateMutexW", reinterpret_cast<void*>(&FailCreateMutex));
-        EXPECT_EQ(InitializeReadWriteLock(&lock), static_cast<uint32_t>(ERROR_TOO_MANY_SEMAPHORES));
+        ZT_FAIL_IMPORT(CreateMutexW, ERROR_TOO_MANY_SEMAPHORES);
+        EXPECT_EQ(InitializeReadWriteLock(&noMutex), static_cast<uint32_t>(ERROR_TOO_MANY_SEMAPHORES));
     }
-    EXPECT_EQ(lock.mutex, nullptr);
-    EXPECT_NE(lock.noReaders, nullptr);
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    EXPECT_EQ(d.MutexCount, 0u);
-    EXPECT_EQ(d.EventCount, 1u);
-    EXPECT_EQ(d.RwLockCount, 1u);
-    EXPECT_EQ(d.LiveRwLockCount, 1u);
-    DestroyReadWriteLock(&lock);
-    EXPECT_NO_LEAKS(before);
-}
-
-TEST(RwLock, FailedEventIsReportedAndOnlyTheCreatedObjectsCount) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    PLT_RW_LOCK lock;
     {
-        zt::ImportHook hook("CreateEventW", reinterpret_cast<void*>(&FailCreateEvent));
-        EXPECT_EQ(InitializeReadWriteLock(&lock), static_cast<uint32_t>(ERROR_NO_SYSTEM_RESOURCES));
+        ZT_FAIL_IMPORT(CreateEventW, ERROR_NO_SYSTEM_RESOURCES);
+        EXPECT_EQ(InitializeReadWriteLock(&noEvent), static_cast<uint32_t>(ERROR_NO_SYSTEM_RESOURCES));
     }
-    EXPECT_NE(lock.mutex, nullptr);
-    EXPECT_EQ(lock.noReaders, nullptr);
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    EXPECT_EQ(d.MutexCount, 1u);
-    EXPECT_EQ(d.EventCount, 0u);
-    EXPECT_EQ(d.RwLockCount, 1u);
-    DestroyReadWriteLock(&lock);
+    EXPECT_EQ(noMutex.mutex, nullptr);
+    EXPECT_NE(noMutex.noReaders, nullptr);
+    EXPECT_NE(noEvent.mutex, nullptr);
+    EXPECT_EQ(noEvent.noReaders, nullptr);
+    EXPECT_DELTA(before, {.RwLockCount = 2, .LiveRwLockCount = 2, .EventCount = 1,
+                          .LiveEventCount = 1, .MutexCount = 1, .LiveMutexCount = 1});
+    DestroyReadWriteLock(&noMutex);
+    DestroyReadWriteLock(&noEvent);
     EXPECT_NO_LEAKS(before);
 }
 

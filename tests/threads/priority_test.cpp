@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <zendra/os.h>
 
-#include "import_hook.h"
+#include "import_failure.h"
 #include "sync_helpers.h"
 
 namespace {
@@ -123,13 +123,8 @@ TEST_F(ProcessPriority, AboveNormalReadsAsHighAndUnknownLevelsAreRefused) {
     EXPECT_EQ(PltGetCurrentProcessPriority(nullptr), 87u);
 }
 
-DWORD WINAPI FailGetPriorityClass(HANDLE) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return 0;
-}
-
 TEST_F(ProcessPriority, ReadFailureKeepsNormal) {
-    zt::ImportHook hook("GetPriorityClass", reinterpret_cast<void*>(&FailGetPriorityClass));
+    ZT_FAIL_IMPORT(GetPriorityClass, ERROR_ACCESS_DENIED);
     uint32_t read = 99;
     EXPECT_EQ(PltGetCurrentProcessPriority(&read), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(read, PRIO_NORMAL);
