@@ -73,7 +73,7 @@ ZB_SUITE(lookaside) {
 }
 
 ZB_SUITE(workitems) {
-    const long kItems = 200000;
+    const long kItems = 20000;
     for (int repetition = 0; repetition < 3; ++repetition) {
         PLT_WORK_ITEM_POOL* pool = nullptr;
         PltInitWorkItemPool(&pool, 2, 8, 2);
