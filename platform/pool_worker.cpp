@@ -129,5 +129,5 @@ extern "C" uint32_t PltThreadFunc(PLT_WORKER_ARGUMENT* argument) {
         pool->threads[slot] = nullptr;
     }
     LeaveCriticalSection(&pool->queueLock);
-    return 0;  // retired (1283 in the worker's own terms) ends with 0
+    return 0;  // a retired worker ends with 0
 }
