@@ -76,8 +76,8 @@ void Compare(const std::string& name, const Op& op, const std::string& baselineN
     }
     double ma = Median(a), mb = Median(b);
     std::string label = name + (o.threads > 1 ? " [" + std::to_string(o.threads) + " thr]" : "");
-    printf("%-52s %10.1f ns   %-34s %10.1f ns   %6.2fx\n", label.c_str(), ma,
-           baselineName.c_str(), mb, mb > 0 ? ma / mb : 0.0);
+    printf("%-52s %10.1f ns   %-34s %10.1f ns   %6.2fx\n", label.c_str(), ma, baselineName.c_str(),
+           mb, mb > 0 ? ma / mb : 0.0);
     fflush(stdout);
 }
 

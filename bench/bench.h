@@ -16,7 +16,7 @@ using Op = std::function<void(long iterations)>;
 struct Options {
     long iterations = 100000;  // per repetition and thread
     int repetitions = 11;
-    int threads = 1;           // each thread runs the whole op concurrently
+    int threads = 1;  // each thread runs the whole op concurrently
 };
 
 // Median nanoseconds per iteration of `op`, alternated with `baseline`.
@@ -42,7 +42,7 @@ struct Register {
 
 }  // namespace zb
 
-#define ZB_SUITE(name)                                                         \
-    static void name##_run();                                                  \
-    static ::zb::Register name##_register(#name, &name##_run);                 \
+#define ZB_SUITE(name)                                         \
+    static void name##_run();                                  \
+    static ::zb::Register name##_register(#name, &name##_run); \
     static void name##_run()

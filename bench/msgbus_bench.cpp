@@ -64,10 +64,11 @@ ZB_SUITE(msgbus) {
         MBSubscribe(bus, &Counted, 1, 1, nullptr);
         g_completions = 0;
         double start = zb::NowNs();
-        for (long i = 0; i < kMessages; ++i) MBSendMsgAsync(bus, 1, 1, nullptr, 0, &Completed, nullptr);
+        for (long i = 0; i < kMessages; ++i)
+            MBSendMsgAsync(bus, 1, 1, nullptr, 0, &Completed, nullptr);
         while (g_completions.load() < kMessages) SwitchToThread();
-        zb::Report("MBSendMsgAsync, one sender, 1 subscriber", kMessages / ((zb::NowNs() - start) / 1e9),
-                   "messages/s");
+        zb::Report("MBSendMsgAsync, one sender, 1 subscriber",
+                   kMessages / ((zb::NowNs() - start) / 1e9), "messages/s");
         MBDeleteMsgBus(bus);
     }
 
@@ -79,7 +80,8 @@ ZB_SUITE(msgbus) {
         g_calls = 0;
         g_completions = 0;
         double start = zb::NowNs();
-        for (long i = 0; i < kBroadcasts; ++i) MBBroadcastMsg(bus, 1, 1, nullptr, 0, &Completed, nullptr);
+        for (long i = 0; i < kBroadcasts; ++i)
+            MBBroadcastMsg(bus, 1, 1, nullptr, 0, &Completed, nullptr);
         while (g_calls.load() < kBroadcasts * 8) SwitchToThread();
         double seconds = (zb::NowNs() - start) / 1e9;
         zb::Report("MBBroadcastMsg to 8 subscribers", kBroadcasts / seconds, "broadcasts/s");

@@ -21,7 +21,8 @@ void FillChunks(PLT_LOOKASIDE_LIST* list, uint32_t full, uint8_t unlocked) {
 
 zb::Op LookasidePairs(PLT_LOOKASIDE_LIST* list) {
     return [list](long n) {
-        for (long i = 0; i < n; ++i) PltFreeToLookasideList(list, PltAllocateFromLookasideList(list));
+        for (long i = 0; i < n; ++i)
+            PltFreeToLookasideList(list, PltAllocateFromLookasideList(list));
     };
 }
 
@@ -35,7 +36,9 @@ uint32_t CountItem(uint64_t, uint64_t) {
     g_done.fetch_add(1, std::memory_order_relaxed);
     return 0;
 }
-void CALLBACK CountTp(PTP_CALLBACK_INSTANCE, void*) { g_done.fetch_add(1, std::memory_order_relaxed); }
+void CALLBACK CountTp(PTP_CALLBACK_INSTANCE, void*) {
+    g_done.fetch_add(1, std::memory_order_relaxed);
+}
 
 std::atomic<double> g_seenAt;
 uint32_t StampItem(uint64_t, uint64_t) {

@@ -42,22 +42,28 @@ ZB_SUITE(locks) {
 
     PLT_FAST_LOCK fast;
     PltInitializeFastLock(&fast);
-    zb::Compare("fast lock acquire+release", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            PltAcquireFastLock(&fast);
-            PltReleaseFastLock(&fast);
-        }
-    }, "CRITICAL_SECTION enter+leave", CriticalSectionPair, o);
+    zb::Compare(
+        "fast lock acquire+release",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                PltAcquireFastLock(&fast);
+                PltReleaseFastLock(&fast);
+            }
+        },
+        "CRITICAL_SECTION enter+leave", CriticalSectionPair, o);
     PltDeleteFastLock(&fast);
 
     PLT_SPIN_LOCK spin;
     PltInitializeSpinLock(&spin);
-    zb::Compare("spin lock acquire+release", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            PltAcquireSpinLock(&spin);
-            PltReleaseSpinLock(&spin);
-        }
-    }, "CRITICAL_SECTION enter+leave", CriticalSectionPair, o);
+    zb::Compare(
+        "spin lock acquire+release",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                PltAcquireSpinLock(&spin);
+                PltReleaseSpinLock(&spin);
+            }
+        },
+        "CRITICAL_SECTION enter+leave", CriticalSectionPair, o);
     PltDeleteSpinLock(&spin);
 
     PLT_RW_SPIN_LOCK rws;
@@ -70,13 +76,16 @@ ZB_SUITE(locks) {
         }
     };
     zb::Compare("rw spin lock read", rwsRead, "SRWLOCK shared", SrwShared, o);
-    zb::Compare("rw spin lock write", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            uint32_t t;
-            AcquireWriteSpinLock(&rws, &t);
-            ReleaseReadWriteSpinLock(&rws, &t);
-        }
-    }, "SRWLOCK exclusive", SrwExclusive, o);
+    zb::Compare(
+        "rw spin lock write",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                uint32_t t;
+                AcquireWriteSpinLock(&rws, &t);
+                ReleaseReadWriteSpinLock(&rws, &t);
+            }
+        },
+        "SRWLOCK exclusive", SrwExclusive, o);
     zb::Options two = o;
     two.threads = 2;
     two.iterations = 300000;
@@ -87,55 +96,71 @@ ZB_SUITE(locks) {
     slow.iterations = 20000;
     PLT_RW_LOCK rw;
     InitializeReadWriteLock(&rw);
-    zb::Compare("rw lock read", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            uint32_t t;
-            AcquireReadLock(&rw, &t);
-            ReleaseReadWriteLock(&rw, &t);
-        }
-    }, "SRWLOCK shared", SrwShared, slow);
-    zb::Compare("rw lock write", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            uint32_t t;
-            AcquireWriteLock(&rw, &t);
-            ReleaseReadWriteLock(&rw, &t);
-        }
-    }, "SRWLOCK exclusive", SrwExclusive, slow);
+    zb::Compare(
+        "rw lock read",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                uint32_t t;
+                AcquireReadLock(&rw, &t);
+                ReleaseReadWriteLock(&rw, &t);
+            }
+        },
+        "SRWLOCK shared", SrwShared, slow);
+    zb::Compare(
+        "rw lock write",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                uint32_t t;
+                AcquireWriteLock(&rw, &t);
+                ReleaseReadWriteLock(&rw, &t);
+            }
+        },
+        "SRWLOCK exclusive", SrwExclusive, slow);
     DestroyReadWriteLock(&rw);
 
     PLT_MUTEX m;
     PltInitializeMutex(&m, nullptr);
     HANDLE rawMutex = CreateMutexW(nullptr, FALSE, nullptr);
-    zb::Compare("mutex acquire+release", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            uint32_t r;
-            PltAcquireMutex(&m, PLT_INFINITE, &r);
-            PltReleaseMutex(&m);
-        }
-    }, "WaitForSingleObject+ReleaseMutex", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            WaitForSingleObject(rawMutex, INFINITE);
-            ReleaseMutex(rawMutex);
-        }
-    }, slow);
+    zb::Compare(
+        "mutex acquire+release",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                uint32_t r;
+                PltAcquireMutex(&m, PLT_INFINITE, &r);
+                PltReleaseMutex(&m);
+            }
+        },
+        "WaitForSingleObject+ReleaseMutex",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                WaitForSingleObject(rawMutex, INFINITE);
+                ReleaseMutex(rawMutex);
+            }
+        },
+        slow);
     PltDeleteMutex(&m);
     CloseHandle(rawMutex);
 
     PLT_EVENT e;
     PltInitializeEvent(&e, 0, 0, nullptr);
     HANDLE rawEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    zb::Compare("event set+acquire", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            uint32_t r;
-            PltSetEvent(&e);
-            PltAcquireEvent(&e, PLT_INFINITE, &r);
-        }
-    }, "SetEvent+WaitForSingleObject", [&](long n) {
-        for (long i = 0; i < n; ++i) {
-            SetEvent(rawEvent);
-            WaitForSingleObject(rawEvent, INFINITE);
-        }
-    }, slow);
+    zb::Compare(
+        "event set+acquire",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                uint32_t r;
+                PltSetEvent(&e);
+                PltAcquireEvent(&e, PLT_INFINITE, &r);
+            }
+        },
+        "SetEvent+WaitForSingleObject",
+        [&](long n) {
+            for (long i = 0; i < n; ++i) {
+                SetEvent(rawEvent);
+                WaitForSingleObject(rawEvent, INFINITE);
+            }
+        },
+        slow);
     PltDeleteEvent(&e);
     CloseHandle(rawEvent);
     DeleteCriticalSection(&g_cs);
@@ -144,18 +169,23 @@ ZB_SUITE(locks) {
 ZB_SUITE(threads) {
     zb::Options o;
     o.iterations = 300;
-    zb::Compare("PltCreateThread+wait+close", [](long n) {
-        for (long i = 0; i < n; ++i) {
-            HANDLE h;
-            PltCreateThread(&EmptyRoutine, nullptr, &h, nullptr);
-            PltWaitForThread(h, PLT_INFINITE, nullptr);
-            PltCloseThread(h);
-        }
-    }, "CreateThread+wait+CloseHandle", [](long n) {
-        for (long i = 0; i < n; ++i) {
-            HANDLE h = CreateThread(nullptr, 0, &EmptyWin32, nullptr, 0, nullptr);
-            WaitForSingleObject(h, INFINITE);
-            CloseHandle(h);
-        }
-    }, o);
+    zb::Compare(
+        "PltCreateThread+wait+close",
+        [](long n) {
+            for (long i = 0; i < n; ++i) {
+                HANDLE h;
+                PltCreateThread(&EmptyRoutine, nullptr, &h, nullptr);
+                PltWaitForThread(h, PLT_INFINITE, nullptr);
+                PltCloseThread(h);
+            }
+        },
+        "CreateThread+wait+CloseHandle",
+        [](long n) {
+            for (long i = 0; i < n; ++i) {
+                HANDLE h = CreateThread(nullptr, 0, &EmptyWin32, nullptr, 0, nullptr);
+                WaitForSingleObject(h, INFINITE);
+                CloseHandle(h);
+            }
+        },
+        o);
 }

@@ -30,7 +30,8 @@ void* AllocateZeroed(uint64_t bytes, uint32_t tag) {
 
 // Sets up as many slots of one type as memory allows; returns how many.
 uint32_t BuildSlots(MB_SLOT* slots, uint32_t actionCount, uint32_t maxSubscribers) {
-    uint64_t subscriberBytes = (uint64_t{maxSubscribers} + kSpareSubscribers) * sizeof(MB_SUBSCRIBER);
+    uint64_t subscriberBytes =
+        (uint64_t{maxSubscribers} + kSpareSubscribers) * sizeof(MB_SUBSCRIBER);
     for (uint32_t action = 0; action < actionCount; ++action) {
         void* subscribers = AllocateZeroed(subscriberBytes, kBusTag);
         if (subscribers == nullptr) return action;
@@ -89,16 +90,16 @@ extern "C" PLT_STATUS MBCreateMsgBus(MB_MSG_BUS** out, uint32_t typeCount, uint3
         bus->types[type].reserved = BuildSlots(slots, actionCount, maxSubscribers);
     }
 
-    if (PltInitLookasideList(&bus->messages, sizeof(MB_MESSAGE), kMessagesPerBlock, PLT_NO_LIMIT,
-                             0, nullptr, 16, kBusTag) != kOk) {
+    if (PltInitLookasideList(&bus->messages, sizeof(MB_MESSAGE), kMessagesPerBlock, PLT_NO_LIMIT, 0,
+                             nullptr, 16, kBusTag) != kOk) {
         *out = bus;  // counts stay 0: every later call fails its range check
         return kNoMemory;
     }
     bus->typeCount = typeCount;
     bus->actionCount = actionCount;
     bus->maxSubscribers = maxSubscribers;
-    status = PltInitWorkItemPool(&bus->pool, kPoolInitialThreads, kPoolMaximumThreads,
-                                 kPoolPriority);
+    status =
+        PltInitWorkItemPool(&bus->pool, kPoolInitialThreads, kPoolMaximumThreads, kPoolPriority);
     *out = bus;
     return status;
 }

@@ -20,8 +20,8 @@ PLT_STATUS CheckAddress(MB_MSG_BUS* bus, uint32_t type, uint32_t action) {
     return kOk;
 }
 
-MB_MESSAGE* NewMessage(MB_MSG_BUS* bus, uint32_t type, uint32_t action, void* data,
-                       uint32_t length, MB_COMPLETION_CALLBACK completion, void* context) {
+MB_MESSAGE* NewMessage(MB_MSG_BUS* bus, uint32_t type, uint32_t action, void* data, uint32_t length,
+                       MB_COMPLETION_CALLBACK completion, void* context) {
     auto* m = static_cast<MB_MESSAGE*>(PltAllocateFromLookasideList(&bus->messages));
     if (m == nullptr) return nullptr;
     m->bus = bus;
@@ -113,8 +113,8 @@ extern "C" PLT_STATUS MBSendMsgAsync(MB_MSG_BUS* bus, uint32_t type, uint32_t ac
     if (status != kOk) return status;
     MB_MESSAGE* m = NewMessage(bus, type, action, data, length, completion, completionContext);
     if (m == nullptr) return kNoMemory;
-    status = PltAddWorkItem(bus->pool, &m->workItem, &AsyncWorker, reinterpret_cast<uint64_t>(m),
-                            0, 0);
+    status =
+        PltAddWorkItem(bus->pool, &m->workItem, &AsyncWorker, reinterpret_cast<uint64_t>(m), 0, 0);
     if (status != kOk) ReturnMessage(m);
     return status;
 }
@@ -142,8 +142,8 @@ extern "C" PLT_STATUS MBBroadcastMsg(MB_MSG_BUS* bus, uint32_t type, uint32_t ac
     for (uint32_t i = 0; i < count && status == kOk; ++i) {
         if (__atomic_load_n(&slot->subscribers[i].refs, __ATOMIC_ACQUIRE) <= 0) continue;
         __atomic_fetch_add(&m->holds, 1u, __ATOMIC_ACQ_REL);
-        status = PltAddWorkItem(bus->pool, nullptr, &BroadcastWorker,
-                                reinterpret_cast<uint64_t>(m), 0, 0);
+        status = PltAddWorkItem(bus->pool, nullptr, &BroadcastWorker, reinterpret_cast<uint64_t>(m),
+                                0, 0);
         if (status != kOk) __atomic_fetch_sub(&m->holds, 1u, __ATOMIC_ACQ_REL);
     }
     ReleaseReadWriteSpinLock(&slot->lock, &ticket);

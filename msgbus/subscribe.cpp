@@ -12,7 +12,6 @@ using namespace zendra;
 
 namespace {
 
-
 bool SamePair(const MB_SUBSCRIBER& e, MB_SUBSCRIBER_CALLBACK callback, void* context) {
     return e.callback == callback && e.context == context;
 }
@@ -102,8 +101,8 @@ extern "C" PLT_STATUS MBSubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callba
     return status;
 }
 
-extern "C" PLT_STATUS MBUnsubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback,
-                                    uint32_t type, uint32_t action, void* context) {
+extern "C" PLT_STATUS MBUnsubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback, uint32_t type,
+                                    uint32_t action, void* context) {
     PLT_STATUS status = CheckArguments(bus, callback, type);
     if (status != kOk) return status;
     if (action != MB_ALL_ACTIONS) {

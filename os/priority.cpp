@@ -12,10 +12,14 @@ namespace zendra {
 
 int ThreadPriorityOf(uint32_t level) {
     switch (level) {
-        case PRIO_IDLE: return THREAD_PRIORITY_IDLE;
-        case PRIO_LOW: return THREAD_PRIORITY_BELOW_NORMAL;
-        case PRIO_HIGH: return THREAD_PRIORITY_HIGHEST;
-        default: return THREAD_PRIORITY_NORMAL;
+        case PRIO_IDLE:
+            return THREAD_PRIORITY_IDLE;
+        case PRIO_LOW:
+            return THREAD_PRIORITY_BELOW_NORMAL;
+        case PRIO_HIGH:
+            return THREAD_PRIORITY_HIGHEST;
+        default:
+            return THREAD_PRIORITY_NORMAL;
     }
 }
 
@@ -25,35 +29,48 @@ namespace {
 
 uint32_t LevelOfThreadPriority(int priority) {
     switch (priority) {
-        case THREAD_PRIORITY_IDLE: return PRIO_IDLE;
+        case THREAD_PRIORITY_IDLE:
+            return PRIO_IDLE;
         case THREAD_PRIORITY_LOWEST:
-        case THREAD_PRIORITY_BELOW_NORMAL: return PRIO_LOW;
+        case THREAD_PRIORITY_BELOW_NORMAL:
+            return PRIO_LOW;
         case THREAD_PRIORITY_ABOVE_NORMAL:
         case THREAD_PRIORITY_HIGHEST:
-        case THREAD_PRIORITY_TIME_CRITICAL: return PRIO_HIGH;
-        default: return PRIO_NORMAL;
+        case THREAD_PRIORITY_TIME_CRITICAL:
+            return PRIO_HIGH;
+        default:
+            return PRIO_NORMAL;
     }
 }
 
 // Unknown levels give class 0, which SetPriorityClass refuses.
 DWORD PriorityClassOf(uint32_t level) {
     switch (level) {
-        case PRIO_IDLE: return IDLE_PRIORITY_CLASS;
-        case PRIO_LOW: return BELOW_NORMAL_PRIORITY_CLASS;
-        case PRIO_NORMAL: return NORMAL_PRIORITY_CLASS;
-        case PRIO_HIGH: return HIGH_PRIORITY_CLASS;
-        default: return 0;
+        case PRIO_IDLE:
+            return IDLE_PRIORITY_CLASS;
+        case PRIO_LOW:
+            return BELOW_NORMAL_PRIORITY_CLASS;
+        case PRIO_NORMAL:
+            return NORMAL_PRIORITY_CLASS;
+        case PRIO_HIGH:
+            return HIGH_PRIORITY_CLASS;
+        default:
+            return 0;
     }
 }
 
 uint32_t LevelOfPriorityClass(DWORD priorityClass) {
     switch (priorityClass) {
-        case IDLE_PRIORITY_CLASS: return PRIO_IDLE;
-        case BELOW_NORMAL_PRIORITY_CLASS: return PRIO_LOW;
+        case IDLE_PRIORITY_CLASS:
+            return PRIO_IDLE;
+        case BELOW_NORMAL_PRIORITY_CLASS:
+            return PRIO_LOW;
         case HIGH_PRIORITY_CLASS:
         case REALTIME_PRIORITY_CLASS:
-        case ABOVE_NORMAL_PRIORITY_CLASS: return PRIO_HIGH;
-        default: return PRIO_NORMAL;
+        case ABOVE_NORMAL_PRIORITY_CLASS:
+            return PRIO_HIGH;
+        default:
+            return PRIO_NORMAL;
     }
 }
 

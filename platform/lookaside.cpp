@@ -124,7 +124,9 @@ Chunk* FindChunk(PLT_LOOKASIDE_LIST* list, const uint8_t* address, uint32_t* ind
     return nullptr;
 }
 
-bool Initialised(const PLT_LOOKASIDE_LIST* list) { return list != nullptr && list->first != nullptr; }
+bool Initialised(const PLT_LOOKASIDE_LIST* list) {
+    return list != nullptr && list->first != nullptr;
+}
 
 // Marks a list whose first chunk could not be had: only its lock exists.
 constexpr uint8_t kOnlyTheLock = 1;

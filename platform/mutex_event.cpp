@@ -9,10 +9,17 @@ namespace zendra {
 PLT_STATUS WaitForObject(HANDLE handle, uint32_t timeoutMs, uint32_t* result) {
     uint32_t outcome;
     switch (WaitForSingleObject(handle, timeoutMs)) {
-        case WAIT_OBJECT_0: outcome = PLT_WAIT_SIGNALED; break;
-        case WAIT_TIMEOUT: outcome = PLT_WAIT_TIMEOUT; break;
-        case WAIT_ABANDONED: outcome = PLT_WAIT_ABANDONED; break;
-        default: return GetLastError();
+        case WAIT_OBJECT_0:
+            outcome = PLT_WAIT_SIGNALED;
+            break;
+        case WAIT_TIMEOUT:
+            outcome = PLT_WAIT_TIMEOUT;
+            break;
+        case WAIT_ABANDONED:
+            outcome = PLT_WAIT_ABANDONED;
+            break;
+        default:
+            return GetLastError();
     }
     if (result != nullptr) *result = outcome;
     return kOk;
@@ -49,8 +56,7 @@ extern "C" PLT_STATUS PltDeleteMutex(PLT_MUTEX* mutex) {
 extern "C" PLT_STATUS PltInitializeEvent(PLT_EVENT* event, int32_t kind, int32_t signaled,
                                          const wchar_t* name) {
     if (event == nullptr) return kOk;
-    event->handle =
-        CreateEventW(nullptr, kind == PLT_EVENT_MANUAL_RESET, signaled != 0, name);
+    event->handle = CreateEventW(nullptr, kind == PLT_EVENT_MANUAL_RESET, signaled != 0, name);
     if (event->handle == nullptr) return GetLastError();
     CountCreated(Pair::Event);
     return kOk;

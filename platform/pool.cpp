@@ -138,7 +138,8 @@ extern "C" PLT_STATUS PltInitWorkItemPool(PLT_WORK_ITEM_POOL** out, uint32_t ini
     *out = nullptr;
     if (initialThreads == 0 || maximumThreads == 0 || maximumThreads < initialThreads)
         return kInvalidParameter;
-    uint64_t bytes = offsetof(PLT_WORK_ITEM_POOL, threads) + uint64_t{sizeof(HANDLE)} * maximumThreads;
+    uint64_t bytes =
+        offsetof(PLT_WORK_ITEM_POOL, threads) + uint64_t{sizeof(HANDLE)} * maximumThreads;
     uint64_t argumentBytes = uint64_t{sizeof(PLT_WORKER_ARGUMENT)} * maximumThreads;
     if (bytes > 0xFFFFFFFFu || argumentBytes > 0xFFFFFFFFu) return kInvalidParameter;
     void* memory = nullptr;

@@ -66,9 +66,8 @@ namespace zendra {
 PLT_STATUS StartWorker(PLT_WORK_ITEM_POOL* pool, uint32_t slot) {
     pool->arguments[slot].pool = pool;
     pool->arguments[slot].slot = slot;
-    PLT_STATUS status =
-        PltCreateThread(reinterpret_cast<PLT_THREAD_ROUTINE>(&PltThreadFunc),
-                        &pool->arguments[slot], &pool->threads[slot], nullptr);
+    PLT_STATUS status = PltCreateThread(reinterpret_cast<PLT_THREAD_ROUTINE>(&PltThreadFunc),
+                                        &pool->arguments[slot], &pool->threads[slot], nullptr);
     if (status != kOk) return status;
     if (pool->threads[slot] == nullptr) return kNotFound;  // no thread and no error code
     __atomic_fetch_add(&pool->liveThreads, 1u, __ATOMIC_ACQ_REL);

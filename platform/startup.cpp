@@ -35,8 +35,8 @@ extern "C" PLT_STATUS PltInit(void) {
     if (__atomic_add_fetch(&g_nesting, 1u, __ATOMIC_ACQ_REL) != 1) return kOk;
     ObtainLibraryHeap();
     PLT_WORK_ITEM_POOL* pool = nullptr;
-    PLT_STATUS status = PltInitWorkItemPool(&pool, kDefaultInitialThreads,
-                                            kDefaultMaximumThreads, kDefaultPriority);
+    PLT_STATUS status = PltInitWorkItemPool(&pool, kDefaultInitialThreads, kDefaultMaximumThreads,
+                                            kDefaultPriority);
     __atomic_store_n(&g_defaultPool, pool, __ATOMIC_RELEASE);
     // Only a missing pool record is reported; any later failure leaves the
     // library running without a default pool. The count is not taken back.

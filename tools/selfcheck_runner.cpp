@@ -66,9 +66,8 @@ std::wstring FileVersion(const wchar_t* path) {
     if (!VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &len) || !info)
         return L"unknown";
     wchar_t text[64];
-    swprintf(text, 64, L"%u.%u.%u.%u", HIWORD(info->dwFileVersionMS),
-             LOWORD(info->dwFileVersionMS), HIWORD(info->dwFileVersionLS),
-             LOWORD(info->dwFileVersionLS));
+    swprintf(text, 64, L"%u.%u.%u.%u", HIWORD(info->dwFileVersionMS), LOWORD(info->dwFileVersionMS),
+             HIWORD(info->dwFileVersionLS), LOWORD(info->dwFileVersionLS));
     return text;
 }
 
@@ -124,8 +123,8 @@ int wmain(int argc, wchar_t** argv) {
         uint32_t expected = 0;
         bool failsByDesign = ExpectedResult(name, &expected);
         bool ok = result == expected;
-        printf("-- %s returned %u (expected %u%s) in %lu ms: %s\n", name.c_str(), result,
-               expected, failsByDesign ? ", reports failures by design" : "", elapsed,
+        printf("-- %s returned %u (expected %u%s) in %lu ms: %s\n", name.c_str(), result, expected,
+               failsByDesign ? ", reports failures by design" : "", elapsed,
                ok ? "OK" : "UNEXPECTED");
         ++run;
         if (ok) ++asExpected;

@@ -31,13 +31,13 @@ typedef struct MB_SUBSCRIBER {
 
 typedef struct MB_SLOT {
     PLT_RW_SPIN_LOCK lock;
-    uint32_t count;              /* entries in use, live and dead */
-    MB_SUBSCRIBER* subscribers;  /* room for maxSubscribers + 3 */
+    uint32_t count;             /* entries in use, live and dead */
+    MB_SUBSCRIBER* subscribers; /* room for maxSubscribers + 3 */
 } MB_SLOT;
 
 typedef struct MB_TYPE_ENTRY {
-    uint64_t reserved;           /* slots of this type that were set up */
-    MB_SLOT* slots;              /* actionCount slots */
+    uint64_t reserved; /* slots of this type that were set up */
+    MB_SLOT* slots;    /* actionCount slots */
 } MB_TYPE_ENTRY;
 
 typedef struct MB_MSG_BUS {
@@ -46,7 +46,7 @@ typedef struct MB_MSG_BUS {
     uint32_t typeCount;
     uint32_t actionCount;
     uint32_t maxSubscribers;
-    MB_TYPE_ENTRY types[1];      /* typeCount entries */
+    MB_TYPE_ENTRY types[1]; /* typeCount entries */
 } MB_MSG_BUS;
 
 /* One delivery in flight; an entry of the bus's message list. */
@@ -54,14 +54,14 @@ typedef struct MB_MESSAGE {
     MB_MSG_BUS* bus;
     uint32_t type;
     uint32_t action;
-    void* data;                  /* the sender's, never copied */
+    void* data; /* the sender's, never copied */
     uint32_t length;
-    uint32_t pending;            /* broadcast: deliveries still to start */
-    PLT_WORK_ITEM* workItem;     /* asynchronous send only */
+    uint32_t pending;        /* broadcast: deliveries still to start */
+    PLT_WORK_ITEM* workItem; /* asynchronous send only */
     void* completionContext;
     MB_COMPLETION_CALLBACK completion;
-    uint32_t status;             /* broadcast: OR of the results so far */
-    uint32_t holds;              /* private: broadcast runs still using the record */
+    uint32_t status; /* broadcast: OR of the results so far */
+    uint32_t holds;  /* private: broadcast runs still using the record */
 } MB_MESSAGE;
 
 ZENDRA_LAYOUT(sizeof(MB_SUBSCRIBER) == 24);
@@ -89,8 +89,8 @@ ZENDRA_API PLT_STATUS MBCreateMsgBus(MB_MSG_BUS** bus, uint32_t typeCount, uint3
 ZENDRA_API PLT_STATUS MBDeleteMsgBus(MB_MSG_BUS* bus);
 ZENDRA_API PLT_STATUS MBSubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback, uint32_t type,
                                   uint32_t action, void* context);
-ZENDRA_API PLT_STATUS MBUnsubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback,
-                                    uint32_t type, uint32_t action, void* context);
+ZENDRA_API PLT_STATUS MBUnsubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback, uint32_t type,
+                                    uint32_t action, void* context);
 
 /* Calls the slot's live subscribers on this thread; 1168 when none is live. */
 ZENDRA_API PLT_STATUS MBSendMsg(MB_MSG_BUS* bus, uint32_t type, uint32_t action, void* data,

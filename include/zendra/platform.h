@@ -21,11 +21,11 @@ extern "C" {
 typedef uint32_t PLT_STATUS;
 
 /* Four characters, first one in the lowest byte: PLT_TAG('Q','Z','W','I'). */
-#define PLT_TAG(a, b, c, d)                                                     \
-    ((uint32_t)(uint8_t)(a) | ((uint32_t)(uint8_t)(b) << 8) |                   \
-     ((uint32_t)(uint8_t)(c) << 16) | ((uint32_t)(uint8_t)(d) << 24))
+#define PLT_TAG(a, b, c, d)                                                                    \
+    ((uint32_t)(uint8_t)(a) | ((uint32_t)(uint8_t)(b) << 8) | ((uint32_t)(uint8_t)(c) << 16) | \
+     ((uint32_t)(uint8_t)(d) << 24))
 
-#define PLT_ALLOC_ZERO 1u  /* PltMalloc flag: zero-fill the block */
+#define PLT_ALLOC_ZERO 1u /* PltMalloc flag: zero-fill the block */
 #define PLT_INFINITE 0xFFFFFFFFu
 #define PLT_SIZE_BUCKETS 10
 
@@ -205,13 +205,13 @@ ZENDRA_API PLT_STATUS PltDeleteEvent(PLT_EVENT* event);
 typedef struct PLT_RW_SPIN_LOCK {
     CRITICAL_SECTION lock; /* held by a writer for the whole of its write */
     uint32_t readers;
-    uint32_t writers;      /* holding or waiting, recursive holds included */
-    uint64_t owner;        /* thread id of the writer, 0 when none */
+    uint32_t writers; /* holding or waiting, recursive holds included */
+    uint64_t owner;   /* thread id of the writer, 0 when none */
 } PLT_RW_SPIN_LOCK;
 
 typedef struct PLT_RW_LOCK {
-    HANDLE mutex;          /* held by a writer for the whole of its write */
-    HANDLE noReaders;      /* auto-reset; signalled while there are no readers */
+    HANDLE mutex;     /* held by a writer for the whole of its write */
+    HANDLE noReaders; /* auto-reset; signalled while there are no readers */
     uint32_t readers;
     uint32_t writers;
     uint64_t owner;
@@ -264,7 +264,7 @@ ZENDRA_API PLT_STATUS PltReleaseRemoveLockAndWait(PLT_REMOVE_LOCK* lock, uint32_
  * Fixed-size entries carved from chunks; each chunk carries a bitmap of the
  * entries handed out. The list record lives in caller storage. */
 
-#define PLT_LOOKASIDE_MAX_DEPTH 8192u   /* entries per chunk: the bitmap's size */
+#define PLT_LOOKASIDE_MAX_DEPTH 8192u /* entries per chunk: the bitmap's size */
 #define PLT_LOOKASIDE_CHUNK_HEADER 1048u
 #define PLT_NO_LIMIT 0xFFFFFFFFu
 
@@ -278,17 +278,17 @@ typedef struct PLT_LOOKASIDE_CHUNK {
 } PLT_LOOKASIDE_CHUNK;
 
 typedef struct PLT_LOOKASIDE_LIST {
-    uint8_t unlocked;       /* non-zero: no lock, the caller serialises */
-    uint8_t state;          /* private: 1 after a failed init, only the lock exists */
-    uint16_t scanWord;      /* private: no clear bit below this word of roomChunk */
+    uint8_t unlocked;  /* non-zero: no lock, the caller serialises */
+    uint8_t state;     /* private: 1 after a failed init, only the lock exists */
+    uint16_t scanWord; /* private: no clear bit below this word of roomChunk */
     uint32_t entrySize;
-    uint32_t perChunk;      /* requested depth, capped at PLT_LOOKASIDE_MAX_DEPTH */
-    uint32_t maxInUse;      /* PLT_NO_LIMIT for none */
+    uint32_t perChunk; /* requested depth, capped at PLT_LOOKASIDE_MAX_DEPTH */
+    uint32_t maxInUse; /* PLT_NO_LIMIT for none */
     uint32_t inUse;
     uint32_t chunks;
     uint32_t tag;
     uint32_t allocFlags;
-    CRITICAL_SECTION lock;  /* initialised only when locked */
+    CRITICAL_SECTION lock;      /* initialised only when locked */
     PLT_LOOKASIDE_CHUNK* first; /* chunk list head, in order of creation */
     PLT_LOOKASIDE_CHUNK* last;
     /* Private: the oldest chunk with room and the chunk last looked up, with
@@ -343,7 +343,7 @@ typedef struct PLT_WORK_ITEM {
     PLT_WORK_ITEM_ROUTINE callback;
     uint64_t argument1;
     uint64_t argument2;
-    struct PLT_WORK_ITEM* next;     /* queue links; both null once taken */
+    struct PLT_WORK_ITEM* next; /* queue links; both null once taken */
     struct PLT_WORK_ITEM* previous;
 } PLT_WORK_ITEM;
 

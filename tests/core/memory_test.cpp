@@ -26,10 +26,10 @@ TEST(PltMalloc, CountsEachSizeInItsBucketAndFreeTakesItBack) {
     const struct {
         uint32_t size;
         int bucket;
-    } cases[] = {{0, 0},      {32, 0},      {33, 1},      {128, 1},     {129, 2},
-                 {512, 2},    {513, 3},     {1024, 3},    {1025, 4},    {4096, 4},
-                 {4097, 5},   {32768, 5},   {32769, 6},   {131072, 6},  {131073, 7},
-                 {262144, 7}, {262145, 8},  {1048576, 8}, {1048577, 9}, {3000000, 9}};
+    } cases[] = {{0, 0},      {32, 0},     {33, 1},      {128, 1},     {129, 2},
+                 {512, 2},    {513, 3},    {1024, 3},    {1025, 4},    {4096, 4},
+                 {4097, 5},   {32768, 5},  {32769, 6},   {131072, 6},  {131073, 7},
+                 {262144, 7}, {262145, 8}, {1048576, 8}, {1048577, 9}, {3000000, 9}};
     for (const auto& c : cases) {
         PLT_RESOURCE_STATS before = zt::Snapshot();
         void* p = nullptr;
@@ -37,8 +37,8 @@ TEST(PltMalloc, CountsEachSizeInItsBucketAndFreeTakesItBack) {
         ASSERT_NE(p, nullptr);
         EXPECT_EQ(HeaderOf(p).tag, kTag);
         EXPECT_EQ(HeaderOf(p).size, c.size);
-        PLT_RESOURCE_STATS expected{.AllocCount = 1, .AllocBytes = c.size, .LiveAllocCount = 1,
-                                    .LiveAllocBytes = c.size};
+        PLT_RESOURCE_STATS expected{
+            .AllocCount = 1, .AllocBytes = c.size, .LiveAllocCount = 1, .LiveAllocBytes = c.size};
         expected.AllocBySize[c.bucket] = expected.LiveAllocBySize[c.bucket] = 1;
         EXPECT_TRUE(zt::DeltaIs(before, expected)) << "size " << c.size;
         EXPECT_EQ(PltFree(&p, kTag), 0u);
@@ -115,7 +115,8 @@ TEST(PltFree, HeapFreeFailureKeepsThePointerWhileTheCountersGoDown) {
         EXPECT_EQ(PltFree(&p, kTag), static_cast<uint32_t>(ERROR_INVALID_BLOCK));
     }
     EXPECT_EQ(p, kept);
-    PLT_RESOURCE_STATS expected{.LiveAllocCount = 0xFFFFFFFF, .LiveAllocBytes = static_cast<uint64_t>(-40)};
+    PLT_RESOURCE_STATS expected{.LiveAllocCount = 0xFFFFFFFF,
+                                .LiveAllocBytes = static_cast<uint64_t>(-40)};
     expected.LiveAllocBySize[1] = 0xFFFFFFFF;
     EXPECT_TRUE(zt::DeltaIs(before, expected));
     HeapFree(GetProcessHeap(), 0, static_cast<char*>(p) - 8);

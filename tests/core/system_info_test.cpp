@@ -47,9 +47,9 @@ TEST(PltGetMemoryPageSize, UnderWow64AsksForTheNativeSystemInfo) {
 
 std::wstring SystemText(DWORD code) {
     wchar_t* text = nullptr;
-    DWORD n = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
-                                 FORMAT_MESSAGE_ALLOCATE_BUFFER,
-                             nullptr, code, 1024, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    DWORD n = FormatMessageW(
+        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_ALLOCATE_BUFFER,
+        nullptr, code, 1024, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
     std::wstring s = n ? std::wstring(text, n) : std::wstring();
     LocalFree(text);
     return s;

@@ -132,13 +132,14 @@ TEST(SendMsg, ACallbackMaySubscribeToAnotherSlot) {
 
 TEST(SendMsg, NullBusIs6AndAddressesOutOfRangeAre1295) {
     mbt::Bus bus(2, 2, 2);
-    for (auto send : {+[](MB_MSG_BUS* b, uint32_t t, uint32_t a) { return MBSendMsg(b, t, a, nullptr, 0); },
-                      +[](MB_MSG_BUS* b, uint32_t t, uint32_t a) {
-                          return MBSendMsgAsync(b, t, a, nullptr, 0, nullptr, nullptr);
-                      },
-                      +[](MB_MSG_BUS* b, uint32_t t, uint32_t a) {
-                          return MBBroadcastMsg(b, t, a, nullptr, 0, nullptr, nullptr);
-                      }}) {
+    for (auto send :
+         {+[](MB_MSG_BUS*b, uint32_t t, uint32_t a) { return MBSendMsg(b, t, a, nullptr, 0); },
+          +[](MB_MSG_BUS*b, uint32_t t, uint32_t a) {
+              return MBSendMsgAsync(b, t, a, nullptr, 0, nullptr, nullptr);
+          },
+          +[](MB_MSG_BUS*b, uint32_t t, uint32_t a) {
+              return MBBroadcastMsg(b, t, a, nullptr, 0, nullptr, nullptr);
+          }}) {
         EXPECT_EQ(send(nullptr, 0, 0), 6u);
         EXPECT_EQ(send(bus.get(), 2, 0), 1295u);
         EXPECT_EQ(send(bus.get(), 0, 2), 1295u);
@@ -174,7 +175,8 @@ TEST(SendMsgAsync, WithoutCompletionTheSubscribersStillRun) {
     mbt::Bus bus;
     Probe p;
     MBSubscribe(bus.get(), &ProbeCallback, 0, 0, &p);
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(MBSendMsgAsync(bus.get(), 0, 0, nullptr, 0, nullptr, nullptr), 0u);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(MBSendMsgAsync(bus.get(), 0, 0, nullptr, 0, nullptr, nullptr), 0u);
     EXPECT_TRUE(zt::WaitUntil([&] { return p.calls == 20; }));
 }
 
@@ -196,7 +198,8 @@ TEST(SendMsgAsync, NoMessageRecordGives8) {
     Gate gate;
     MBSubscribe(bus.get(), &Gate::Callback, 0, 0, &gate);
     // A hundred records in use fill the first block; the next needs a new one.
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(MBSendMsgAsync(bus.get(), 0, 0, nullptr, 0, nullptr, nullptr), 0u);
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(MBSendMsgAsync(bus.get(), 0, 0, nullptr, 0, nullptr, nullptr), 0u);
     {
         zt::HeapFailure fail(0);
         EXPECT_EQ(MBSendMsgAsync(bus.get(), 0, 0, nullptr, 0, nullptr, nullptr), 8u);
@@ -231,7 +234,8 @@ TEST(BusDelete, QueuedMessagesAreDeliveredBeforeTheBusGoes) {
     MB_MSG_BUS* bus = nullptr;
     ASSERT_EQ(MBCreateMsgBus(&bus, 1, 1, 2), 0u);
     MBSubscribe(bus, &Gate::Callback, 0, 0, &gate);
-    for (int i = 0; i < 30; ++i) ASSERT_EQ(MBSendMsgAsync(bus, 0, 0, nullptr, 0, nullptr, nullptr), 0u);
+    for (int i = 0; i < 30; ++i)
+        ASSERT_EQ(MBSendMsgAsync(bus, 0, 0, nullptr, 0, nullptr, nullptr), 0u);
     ASSERT_TRUE(zt::WaitUntil([&] { return gate.entered >= 2; }));
     PLT_STATUS status = 99;
     zt::TestThread deleter([&] { status = MBDeleteMsgBus(bus); });
@@ -297,7 +301,8 @@ TEST(Broadcast, ManyConcurrentBroadcastsEachCompleteOnce) {
     for (Probe& probe : p) MBSubscribe(bus.get(), &ProbeCallback, 0, 0, &probe);
     const int kMessages = 200;
     std::vector<Completion> done(kMessages);
-    for (Completion& c : done) ASSERT_EQ(MBBroadcastMsg(bus.get(), 0, 0, nullptr, 0, &OnComplete, &c), 0u);
+    for (Completion& c : done)
+        ASSERT_EQ(MBBroadcastMsg(bus.get(), 0, 0, nullptr, 0, &OnComplete, &c), 0u);
     for (Completion& c : done) ASSERT_TRUE(c.done.wait());
     EXPECT_TRUE(zt::WaitUntil([&] { return bus->messages.inUse == 0; }));
     for (Completion& c : done) EXPECT_EQ(c.calls, 1);

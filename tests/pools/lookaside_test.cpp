@@ -152,8 +152,9 @@ TEST(Lookaside, AddressesOutsideEveryChunkAndDoubleFreesChangeNothing) {
     int local = 0;
     PLT_LOOKASIDE_CHUNK header;
     memcpy(&header, list.first, sizeof header);
-    for (void* foreign : {static_cast<void*>(&local), static_cast<void*>(chunk + 100),
-                          static_cast<void*>(chunk + 1048 + 16 * 4), static_cast<void*>(chunk - 1)}) {
+    for (void* foreign :
+         {static_cast<void*>(&local), static_cast<void*>(chunk + 100),
+          static_cast<void*>(chunk + 1048 + 16 * 4), static_cast<void*>(chunk - 1)}) {
         PltFreeToLookasideList(&list, foreign);
         EXPECT_EQ(list.inUse, 1u);
         EXPECT_EQ(memcmp(&header, list.first, sizeof header), 0);
@@ -216,8 +217,8 @@ TEST(Lookaside, HandsOutTheLowestFreeEntryOfTheOldestChunkWithRoom) {
         uint8_t* base;
         std::vector<bool> used;
     };
-    std::vector<ModelChunk> model{{reinterpret_cast<uint8_t*>(list.first),
-                                   std::vector<bool>(kDepth, false)}};
+    std::vector<ModelChunk> model{
+        {reinterpret_cast<uint8_t*>(list.first), std::vector<bool>(kDepth, false)}};
     std::vector<uint8_t*> live;
     std::mt19937 rng(1234);
     for (int step = 0; step < 20000; ++step) {
@@ -275,7 +276,10 @@ TEST(Lookaside, LockedListHandsEachEntryToOneThreadAtATime) {
     auto body = [&](uint64_t id) {
         for (int i = 0; i < 20000; ++i) {
             auto* e = static_cast<volatile uint64_t*>(PltAllocateFromLookasideList(&list));
-            if (e == nullptr) { InterlockedIncrement(&clashes); return; }
+            if (e == nullptr) {
+                InterlockedIncrement(&clashes);
+                return;
+            }
             *e = id;
             YieldProcessor();
             if (*e != id) InterlockedIncrement(&clashes);

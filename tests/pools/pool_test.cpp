@@ -129,7 +129,8 @@ TEST(PoolOrder, NewestFirstAndToFrontItemsLast) {
     ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 1, 2), 0u);
     ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
     ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
-    for (uint64_t id : {1, 2, 3}) ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), id, 0), 0u);
+    for (uint64_t id : {1, 2, 3})
+        ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), id, 0), 0u);
     ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), 4, 1), 0u);
     j.gate.set();
     EXPECT_EQ(PltDeleteWorkItemPool(pool, 1, 10000), 0u);
@@ -154,7 +155,8 @@ TEST(PoolOrder, CallbackGetsBothArgumentsAndMayQueueMoreWork) {
     } chain;
     ASSERT_EQ(PltInitWorkItemPool(&chain.pool, 1, 2, 2), 0u);
     ASSERT_EQ(PltAddWorkItem(chain.pool, nullptr, &Chain::Step, reinterpret_cast<uint64_t>(&chain),
-                             0xFEDCBA9876543210ull, 0), 0u);
+                             0xFEDCBA9876543210ull, 0),
+              0u);
     EXPECT_TRUE(chain.done.wait());
     EXPECT_EQ(chain.seen, 0xFEDCBA9876543214ull);
     EXPECT_EQ(PltDeleteWorkItemPool(chain.pool, 1, 10000), 0u);
@@ -174,7 +176,8 @@ TEST(PoolGrowth, BacklogStartsOneWorkerPerAddUpToTheMaximum) {
         HeldWorkers held;
         for (int i = 0; i < 6; ++i) {
             ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), i + 1, 0), 0u);
-            EXPECT_EQ(zt::Delta(before, zt::Snapshot()).ThreadCount, expectedThreads[i]) << "add " << i;
+            EXPECT_EQ(zt::Delta(before, zt::Snapshot()).ThreadCount, expectedThreads[i])
+                << "add " << i;
         }
     }
     ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 4; }));
@@ -205,12 +208,15 @@ struct GrownPool {
         for (int i = 0; i < 7; ++i) gates.push_back(new zt::Signal);
         ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 4, 2), 0u);
         items.resize(7);
-        ASSERT_EQ(PltAddWorkItem(pool, &items[0], &Gated, reinterpret_cast<uint64_t>(this), 0, 0), 0u);
+        ASSERT_EQ(PltAddWorkItem(pool, &items[0], &Gated, reinterpret_cast<uint64_t>(this), 0, 0),
+                  0u);
         ASSERT_TRUE(zt::WaitUntil([&] { return started == 1; }));
         {
             HeldWorkers held;
             for (uint64_t id = 1; id <= 6; ++id)
-                ASSERT_EQ(PltAddWorkItem(pool, &items[id], &Gated, reinterpret_cast<uint64_t>(this), id, 0), 0u);
+                ASSERT_EQ(PltAddWorkItem(pool, &items[id], &Gated, reinterpret_cast<uint64_t>(this),
+                                         id, 0),
+                          0u);
         }
         ASSERT_TRUE(zt::WaitUntil([&] { return started == 4; }));
     }
@@ -276,7 +282,8 @@ TEST(PoolDelete, WithoutRunPendingNoQueuedCallbackRuns) {
     ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 1, 2), 0u);
     ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
     ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
-    for (uint64_t id : {1, 2, 3}) ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), id, 0), 0u);
+    for (uint64_t id : {1, 2, 3})
+        ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), id, 0), 0u);
     // The queue is discarded as soon as deletion begins, before the wait;
     // the blocked callback is let go only once additions are refused.
     zt::TestThread releaser([&] {
@@ -356,7 +363,8 @@ TEST(PoolDelete, ACallbackThatNeverReturnsIsTerminatedAtTheBudget) {
 // keep their handle, or are terminated and keep their start block.
 void ExpectOnlyWorkersRemain(const PLT_RESOURCE_STATS& before) {
     PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    EXPECT_EQ(d.LiveAllocCount, d.ThreadCount - d.LiveThreadCount) << "start blocks of terminated workers";
+    EXPECT_EQ(d.LiveAllocCount, d.ThreadCount - d.LiveThreadCount)
+        << "start blocks of terminated workers";
     EXPECT_EQ(d.LiveAllocBytes, 24u * d.LiveAllocCount);
     EXPECT_EQ(d.LiveEventCount, 0u);
     EXPECT_EQ(d.LiveCriticalSectionCount, 0u);

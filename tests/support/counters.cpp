@@ -29,22 +29,40 @@ struct Field {
     size_t offset;
     bool wide;
 };
-#define ZT_FIELD(f) {#f, offsetof(PLT_RESOURCE_STATS, f), sizeof(PLT_RESOURCE_STATS::f) == 8}
-const Field kFields[] = {
-    ZT_FIELD(AllocCount), ZT_FIELD(AllocBytes), ZT_FIELD(LiveAllocCount), ZT_FIELD(LiveAllocBytes),
-    ZT_FIELD(LookasideListCount), ZT_FIELD(LiveLookasideListCount), ZT_FIELD(UntaggedAllocCount),
-    ZT_FIELD(TagMismatchCount), ZT_FIELD(RwSpinLockCount), ZT_FIELD(LiveRwSpinLockCount),
-    ZT_FIELD(RwLockCount), ZT_FIELD(LiveRwLockCount), ZT_FIELD(FastLockCount),
-    ZT_FIELD(LiveFastLockCount), ZT_FIELD(EventCount), ZT_FIELD(LiveEventCount),
-    ZT_FIELD(MutexCount), ZT_FIELD(LiveMutexCount), ZT_FIELD(CriticalSectionCount),
-    ZT_FIELD(LiveCriticalSectionCount), ZT_FIELD(FileCount), ZT_FIELD(LiveFileCount),
-    ZT_FIELD(ThreadCount), ZT_FIELD(LiveThreadCount), ZT_FIELD(ProcessCount),
-    ZT_FIELD(LiveProcessCount)};
+#define ZT_FIELD(f) \
+    { #f, offsetof(PLT_RESOURCE_STATS, f), sizeof(PLT_RESOURCE_STATS::f) == 8 }
+const Field kFields[] = {ZT_FIELD(AllocCount),
+                         ZT_FIELD(AllocBytes),
+                         ZT_FIELD(LiveAllocCount),
+                         ZT_FIELD(LiveAllocBytes),
+                         ZT_FIELD(LookasideListCount),
+                         ZT_FIELD(LiveLookasideListCount),
+                         ZT_FIELD(UntaggedAllocCount),
+                         ZT_FIELD(TagMismatchCount),
+                         ZT_FIELD(RwSpinLockCount),
+                         ZT_FIELD(LiveRwSpinLockCount),
+                         ZT_FIELD(RwLockCount),
+                         ZT_FIELD(LiveRwLockCount),
+                         ZT_FIELD(FastLockCount),
+                         ZT_FIELD(LiveFastLockCount),
+                         ZT_FIELD(EventCount),
+                         ZT_FIELD(LiveEventCount),
+                         ZT_FIELD(MutexCount),
+                         ZT_FIELD(LiveMutexCount),
+                         ZT_FIELD(CriticalSectionCount),
+                         ZT_FIELD(LiveCriticalSectionCount),
+                         ZT_FIELD(FileCount),
+                         ZT_FIELD(LiveFileCount),
+                         ZT_FIELD(ThreadCount),
+                         ZT_FIELD(LiveThreadCount),
+                         ZT_FIELD(ProcessCount),
+                         ZT_FIELD(LiveProcessCount)};
 #undef ZT_FIELD
 
 uint64_t Read(const PLT_RESOURCE_STATS& s, size_t offset, bool wide) {
     const char* base = reinterpret_cast<const char*>(&s) + offset;
-    return wide ? *reinterpret_cast<const uint64_t*>(base) : *reinterpret_cast<const uint32_t*>(base);
+    return wide ? *reinterpret_cast<const uint64_t*>(base)
+                : *reinterpret_cast<const uint32_t*>(base);
 }
 
 }  // namespace
@@ -55,15 +73,17 @@ uint64_t Read(const PLT_RESOURCE_STATS& s, size_t offset, bool wide) {
     std::ostringstream diff;
     for (const Field& f : kFields) {
         uint64_t got = Read(d, f.offset, f.wide), want = Read(expected, f.offset, f.wide);
-        if (got != want) diff << "\n  " << f.name << " moved by " << static_cast<int64_t>(got)
-                              << ", expected " << static_cast<int64_t>(want);
+        if (got != want)
+            diff << "\n  " << f.name << " moved by " << static_cast<int64_t>(got) << ", expected "
+                 << static_cast<int64_t>(want);
     }
     for (int i = 0; i < PLT_SIZE_BUCKETS; ++i) {
         if (d.AllocBySize[i] != expected.AllocBySize[i] ||
             d.LiveAllocBySize[i] != expected.LiveAllocBySize[i])
             diff << "\n  bucket " << i << " moved by " << d.AllocBySize[i] << "/"
                  << static_cast<int32_t>(d.LiveAllocBySize[i]) << ", expected "
-                 << expected.AllocBySize[i] << "/" << static_cast<int32_t>(expected.LiveAllocBySize[i]);
+                 << expected.AllocBySize[i] << "/"
+                 << static_cast<int32_t>(expected.LiveAllocBySize[i]);
     }
     std::string text = diff.str();
     if (text.empty()) return ::testing::AssertionSuccess();

@@ -16,7 +16,9 @@ public:
 
     void* data() const { return data_; }
     template <typename T>
-    T* as() const { return static_cast<T*>(data_); }
+    T* as() const {
+        return static_cast<T*>(data_);
+    }
     size_t size() const { return size_; }
 
 private:

@@ -12,8 +12,8 @@ public:
     // nth = 1 fails the first call from now on; nth = 0 fails every call.
     explicit HeapFailure(int nth);
     ~HeapFailure();
-    int calls() const;     // HeapAlloc calls seen while installed
-    bool failed() const;   // whether the chosen call was reached
+    int calls() const;    // HeapAlloc calls seen while installed
+    bool failed() const;  // whether the chosen call was reached
 
 private:
     ImportHook hook_;

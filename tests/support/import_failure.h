@@ -30,7 +30,6 @@ public:
 
 #define ZT_CONCAT2(a, b) a##b
 #define ZT_CONCAT(a, b) ZT_CONCAT2(a, b)
-#define ZT_FAIL_IMPORT(function, error)                                                  \
-    ::zt::ImportFailure ZT_CONCAT(zt_failure_, __LINE__)(#function,                        \
-                                                         ::zt::FailingVersionOf(&::function), \
-                                                         (error))
+#define ZT_FAIL_IMPORT(function, error)                   \
+    ::zt::ImportFailure ZT_CONCAT(zt_failure_, __LINE__)( \
+        #function, ::zt::FailingVersionOf(&::function), (error))

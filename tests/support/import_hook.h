@@ -19,7 +19,9 @@ public:
 
     // The function the library imported, for replacements that forward.
     template <typename F>
-    F original() const { return reinterpret_cast<F>(original_); }
+    F original() const {
+        return reinterpret_cast<F>(original_);
+    }
     bool installed() const { return slot_ != nullptr; }
 
 private:

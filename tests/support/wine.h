@@ -11,7 +11,7 @@ const char* WineVersion();  // null on Windows
 
 }  // namespace zt
 
-#define ZT_SKIP_ON_WINE(reason)                                                  \
-    do {                                                                         \
-        if (::zt::IsWine()) GTEST_SKIP() << "known Wine deviation: " << reason;  \
+#define ZT_SKIP_ON_WINE(reason)                                                 \
+    do {                                                                        \
+        if (::zt::IsWine()) GTEST_SKIP() << "known Wine deviation: " << reason; \
     } while (0)

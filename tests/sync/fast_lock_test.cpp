@@ -19,9 +19,17 @@ struct LockKind {
 };
 
 const LockKind kKinds[] = {
-    {"fast", &PltInitializeFastLock, &PltAcquireFastLock, &PltReleaseFastLock, &PltDeleteFastLock,
+    {"fast",
+     &PltInitializeFastLock,
+     &PltAcquireFastLock,
+     &PltReleaseFastLock,
+     &PltDeleteFastLock,
      {.FastLockCount = 1, .LiveFastLockCount = 1}},
-    {"spin", &PltInitializeSpinLock, &PltAcquireSpinLock, &PltReleaseSpinLock, &PltDeleteSpinLock,
+    {"spin",
+     &PltInitializeSpinLock,
+     &PltAcquireSpinLock,
+     &PltReleaseSpinLock,
+     &PltDeleteSpinLock,
      {.CriticalSectionCount = 1, .LiveCriticalSectionCount = 1}},
 };
 
@@ -37,7 +45,9 @@ TEST_P(CriticalSectionLocks, CountInTheirOwnPairExcludeOthersAndAreRecursive) {
     EXPECT_EQ(k.acquire(&lock), 0u);
     EXPECT_EQ(k.acquire(&lock), 0u);
     BOOL entered = TRUE;
-    { zt::TestThread other([&] { entered = TryEnterCriticalSection(&lock); }); }
+    {
+        zt::TestThread other([&] { entered = TryEnterCriticalSection(&lock); });
+    }
     EXPECT_FALSE(entered) << "held by this thread";
     EXPECT_EQ(k.release(&lock), 0u);
     EXPECT_EQ(k.release(&lock), 0u);
@@ -65,9 +75,7 @@ TEST_P(CriticalSectionLocks, SerialiseIncrementsFromTwoThreads) {
             k.release(&lock);
         }
     };
-    {
-        zt::TestThread a(body), b(body);
-    }
+    { zt::TestThread a(body), b(body); }
     EXPECT_EQ(counter, 2 * kRounds);
     EXPECT_EQ(k.destroy(&lock), 0u);
 }

@@ -27,10 +27,14 @@ TEST(Mutex, AcquireResultsAndCounters) {
     EXPECT_EQ(WaitZero(&m), PLT_WAIT_SIGNALED);
     EXPECT_EQ(WaitZero(&m), PLT_WAIT_SIGNALED) << "recursive for its owner";
     uint32_t otherStatus = 99, otherResult = 0;
-    { zt::TestThread other([&] { otherStatus = PltAcquireMutex(&m, 0, &otherResult); }); }
+    {
+        zt::TestThread other([&] { otherStatus = PltAcquireMutex(&m, 0, &otherResult); });
+    }
     EXPECT_EQ(otherStatus, 0u) << "a time-out is not a failing status";
     EXPECT_EQ(otherResult, PLT_WAIT_TIMEOUT);
-    { zt::TestThread other([&] { otherStatus = PltReleaseMutex(&m); }); }
+    {
+        zt::TestThread other([&] { otherStatus = PltReleaseMutex(&m); });
+    }
     EXPECT_EQ(otherStatus, static_cast<uint32_t>(ERROR_NOT_OWNER));
     EXPECT_EQ(PltReleaseMutex(&m), 0u);
     EXPECT_EQ(PltReleaseMutex(&m), 0u);
@@ -44,7 +48,9 @@ TEST(Mutex, AcquireResultsAndCounters) {
 TEST(Mutex, OwnerEndingWithoutReleaseGivesAbandoned) {
     PLT_MUTEX m{};
     ASSERT_EQ(PltInitializeMutex(&m, nullptr), 0u);
-    { zt::TestThread owner([&] { PltAcquireMutex(&m, PLT_INFINITE, nullptr); }); }
+    {
+        zt::TestThread owner([&] { PltAcquireMutex(&m, PLT_INFINITE, nullptr); });
+    }
     uint32_t result = 0;
     EXPECT_EQ(PltAcquireMutex(&m, 1000, &result), 0u);
     EXPECT_EQ(result, PLT_WAIT_ABANDONED);
@@ -58,7 +64,9 @@ TEST(NamedObjects, TwoInitsWithOneNameShareTheObject) {
     ASSERT_EQ(PltInitializeMutex(&b, L"ZendraTestNamedMutex"), 0u);
     ASSERT_EQ(PltAcquireMutex(&a, 0, nullptr), 0u);
     uint32_t result = 0;
-    { zt::TestThread other([&] { PltAcquireMutex(&b, 0, &result); }); }
+    {
+        zt::TestThread other([&] { PltAcquireMutex(&b, 0, &result); });
+    }
     EXPECT_EQ(result, PLT_WAIT_TIMEOUT);
     PltReleaseMutex(&a);
     PLT_EVENT x{}, y{};
@@ -142,11 +150,13 @@ TEST(CreationFailure, ReturnsTheErrorWithANullHandleAndNoCount) {
     PLT_EVENT e{kBogusHandle};
     {
         ZT_FAIL_IMPORT(CreateMutexW, ERROR_TOO_MANY_SEMAPHORES);
-        EXPECT_EQ(PltInitializeMutex(&m, nullptr), static_cast<uint32_t>(ERROR_TOO_MANY_SEMAPHORES));
+        EXPECT_EQ(PltInitializeMutex(&m, nullptr),
+                  static_cast<uint32_t>(ERROR_TOO_MANY_SEMAPHORES));
     }
     {
         ZT_FAIL_IMPORT(CreateEventW, ERROR_NO_SYSTEM_RESOURCES);
-        EXPECT_EQ(PltInitializeEvent(&e, 1, 0, nullptr), static_cast<uint32_t>(ERROR_NO_SYSTEM_RESOURCES));
+        EXPECT_EQ(PltInitializeEvent(&e, 1, 0, nullptr),
+                  static_cast<uint32_t>(ERROR_NO_SYSTEM_RESOURCES));
     }
     EXPECT_EQ(m.handle, nullptr);
     EXPECT_EQ(e.handle, nullptr);

@@ -212,8 +212,10 @@ TEST(RwSpinLock, CountsInItsOwnAndTheCriticalSectionPairs) {
     memset(&lock, 0xAA, sizeof lock);
     EXPECT_NE(InitializeReadWriteSpinLock(&lock), 0u);
     EXPECT_EQ(lock.readers | lock.writers | lock.owner, 0u);
-    EXPECT_DELTA(before, {.RwSpinLockCount = 1, .LiveRwSpinLockCount = 1,
-                          .CriticalSectionCount = 1, .LiveCriticalSectionCount = 1});
+    EXPECT_DELTA(before, {.RwSpinLockCount = 1,
+                          .LiveRwSpinLockCount = 1,
+                          .CriticalSectionCount = 1,
+                          .LiveCriticalSectionCount = 1});
     EXPECT_EQ(DestroyReadWriteSpinLock(&lock), 0u);
     EXPECT_EQ(memcmp(&lock, &zero, sizeof lock), 0) << "the record is zeroed";
     EXPECT_NO_LEAKS(before);
@@ -229,8 +231,12 @@ TEST(RwLock, CountsInItsOwnTheEventAndTheMutexPairs) {
     EXPECT_EQ(bits, static_cast<uint32_t>(reinterpret_cast<uintptr_t>(lock.noReaders)));
     EXPECT_EQ(WaitForSingleObject(lock.noReaders, 0), WAIT_OBJECT_0) << "initially signalled";
     SetEvent(lock.noReaders);  // put back the signal the check consumed
-    EXPECT_DELTA(before, {.RwLockCount = 1, .LiveRwLockCount = 1, .EventCount = 1,
-                          .LiveEventCount = 1, .MutexCount = 1, .LiveMutexCount = 1});
+    EXPECT_DELTA(before, {.RwLockCount = 1,
+                          .LiveRwLockCount = 1,
+                          .EventCount = 1,
+                          .LiveEventCount = 1,
+                          .MutexCount = 1,
+                          .LiveMutexCount = 1});
     uint32_t t = 0;
     EXPECT_NE(AcquireReadLock(&lock, &t), 0u) << "reports the mutex release";
     ReleaseReadWriteLock(&lock, &t);
@@ -244,18 +250,24 @@ TEST(RwLock, CreationFailuresAreReportedAndOnlyTheCreatedObjectsCount) {
     PLT_RW_LOCK noMutex, noEvent;
     {
         ZT_FAIL_IMPORT(CreateMutexW, ERROR_TOO_MANY_SEMAPHORES);
-        EXPECT_EQ(InitializeReadWriteLock(&noMutex), static_cast<uint32_t>(ERROR_TOO_MANY_SEMAPHORES));
+        EXPECT_EQ(InitializeReadWriteLock(&noMutex),
+                  static_cast<uint32_t>(ERROR_TOO_MANY_SEMAPHORES));
     }
     {
         ZT_FAIL_IMPORT(CreateEventW, ERROR_NO_SYSTEM_RESOURCES);
-        EXPECT_EQ(InitializeReadWriteLock(&noEvent), static_cast<uint32_t>(ERROR_NO_SYSTEM_RESOURCES));
+        EXPECT_EQ(InitializeReadWriteLock(&noEvent),
+                  static_cast<uint32_t>(ERROR_NO_SYSTEM_RESOURCES));
     }
     EXPECT_EQ(noMutex.mutex, nullptr);
     EXPECT_NE(noMutex.noReaders, nullptr);
     EXPECT_NE(noEvent.mutex, nullptr);
     EXPECT_EQ(noEvent.noReaders, nullptr);
-    EXPECT_DELTA(before, {.RwLockCount = 2, .LiveRwLockCount = 2, .EventCount = 1,
-                          .LiveEventCount = 1, .MutexCount = 1, .LiveMutexCount = 1});
+    EXPECT_DELTA(before, {.RwLockCount = 2,
+                          .LiveRwLockCount = 2,
+                          .EventCount = 1,
+                          .LiveEventCount = 1,
+                          .MutexCount = 1,
+                          .LiveMutexCount = 1});
     DestroyReadWriteLock(&noMutex);
     DestroyReadWriteLock(&noEvent);
     EXPECT_NO_LEAKS(before);

@@ -119,7 +119,8 @@ TEST_F(ProcessPriority, AboveNormalReadsAsHighAndUnknownLevelsAreRefused) {
     EXPECT_EQ(PltGetCurrentProcessPriority(&read), 0u);
     EXPECT_EQ(read, PRIO_HIGH);
     EXPECT_EQ(PltSetCurrentProcessPriority(4), static_cast<uint32_t>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(GetPriorityClass(GetCurrentProcess()), static_cast<DWORD>(ABOVE_NORMAL_PRIORITY_CLASS));
+    EXPECT_EQ(GetPriorityClass(GetCurrentProcess()),
+              static_cast<DWORD>(ABOVE_NORMAL_PRIORITY_CLASS));
     EXPECT_EQ(PltGetCurrentProcessPriority(nullptr), 87u);
 }
 

@@ -60,7 +60,8 @@ TEST(PltCreateThread, HandleAndIdOutputsAreOptional) {
     Context c;
     ASSERT_EQ(PltCreateThread(&ReturnsAtOnce, &c, nullptr, nullptr), 0u);
     // Without the handle nobody can close it: the live count keeps it.
-    ASSERT_TRUE(zt::WaitUntil([&] { return zt::Delta(before, zt::Snapshot()).LiveAllocCount == 0; }));
+    ASSERT_TRUE(
+        zt::WaitUntil([&] { return zt::Delta(before, zt::Snapshot()).LiveAllocCount == 0; }));
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveThreadCount, 1u);
 }
 
@@ -189,7 +190,9 @@ TEST(CurrentThread, IdentifiersMatchWin32) {
     EXPECT_EQ(PltGetCurrentThread(), GetCurrentThread());
     EXPECT_EQ(PltGetCurrentThreadContext(), static_cast<uintptr_t>(GetCurrentThreadId()));
     uintptr_t other = 0;
-    { zt::TestThread t([&] { other = PltGetCurrentThreadContext(); }); }
+    {
+        zt::TestThread t([&] { other = PltGetCurrentThreadContext(); });
+    }
     EXPECT_NE(other, PltGetCurrentThreadContext());
     EXPECT_NE(other, 0u);
 }
