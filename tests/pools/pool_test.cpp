@@ -50,6 +50,17 @@ uint32_t BlockThenRecord(uint64_t journal, uint64_t id) {
 
 uint64_t J(Journal& j) { return reinterpret_cast<uint64_t>(&j); }
 
+// A pool whose first worker is held inside a callback until j.gate opens.
+PLT_WORK_ITEM_POOL* PoolWithBusyWorker(Journal& j, uint32_t initial, uint32_t maximum,
+                                       PLT_WORK_ITEM** blocker = nullptr) {
+    PLT_WORK_ITEM_POOL* pool = nullptr;
+    EXPECT_EQ(PltInitWorkItemPool(&pool, initial, maximum, 2), 0u);
+    if (pool == nullptr) return nullptr;
+    EXPECT_EQ(PltAddWorkItem(pool, blocker, &BlockThenRecord, J(j), 0, 0), 0u);
+    EXPECT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    return pool;
+}
+
 uint32_t LiveThreadsSince(const PLT_RESOURCE_STATS& before) {
     return zt::Delta(before, zt::Snapshot()).LiveThreadCount;
 }
@@ -125,10 +136,8 @@ TEST(PoolCreate, MakesItsRecordEventListLockArgumentsAndWorkers) {
 
 TEST(PoolOrder, NewestFirstAndToFrontItemsLast) {
     Journal j;
-    PLT_WORK_ITEM_POOL* pool = nullptr;
-    ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 1, 2), 0u);
-    ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    PLT_WORK_ITEM_POOL* pool = PoolWithBusyWorker(j, 1, 1);
+    ASSERT_NE(pool, nullptr);
     for (uint64_t id : {1, 2, 3})
         ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), id, 0), 0u);
     ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), 4, 1), 0u);
@@ -165,10 +174,8 @@ TEST(PoolOrder, CallbackGetsBothArgumentsAndMayQueueMoreWork) {
 TEST(PoolGrowth, BacklogStartsOneWorkerPerAddUpToTheMaximum) {
     Journal j;
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    PLT_WORK_ITEM_POOL* pool = nullptr;
-    ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 4, 2), 0u);
-    ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    PLT_WORK_ITEM_POOL* pool = PoolWithBusyWorker(j, 1, 4);
+    ASSERT_NE(pool, nullptr);
     // Pending 1 and 2 start nobody; 3, 4 and 5 start one worker each (pending
     // reaches live + 2); the sixth finds the pool at its maximum.
     const uint32_t expectedThreads[] = {1, 1, 2, 3, 4, 4};
@@ -257,11 +264,9 @@ TEST(PoolRetirement, NobodyRetiresWithFewerThanTwoItemsPending) {
 
 TEST(PoolRemove, QueuedItemIsNeverCalledAndAnItemThatRanIsLeftAlone) {
     Journal j;
-    PLT_WORK_ITEM_POOL* pool = nullptr;
-    ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 1, 2), 0u);
     PLT_WORK_ITEM* blocker = nullptr;
-    ASSERT_EQ(PltAddWorkItem(pool, &blocker, &BlockThenRecord, J(j), 0, 0), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    PLT_WORK_ITEM_POOL* pool = PoolWithBusyWorker(j, 1, 1, &blocker);
+    ASSERT_NE(pool, nullptr);
     PLT_WORK_ITEM* queued = nullptr;
     ASSERT_EQ(PltAddWorkItem(pool, &queued, &Record, J(j), 1, 0), 0u);
     ASSERT_NE(queued, nullptr);
@@ -278,10 +283,8 @@ TEST(PoolRemove, QueuedItemIsNeverCalledAndAnItemThatRanIsLeftAlone) {
 
 TEST(PoolDelete, WithoutRunPendingNoQueuedCallbackRuns) {
     Journal j;
-    PLT_WORK_ITEM_POOL* pool = nullptr;
-    ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 1, 2), 0u);
-    ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    PLT_WORK_ITEM_POOL* pool = PoolWithBusyWorker(j, 1, 1);
+    ASSERT_NE(pool, nullptr);
     for (uint64_t id : {1, 2, 3})
         ASSERT_EQ(PltAddWorkItem(pool, nullptr, &Record, J(j), id, 0), 0u);
     // The queue is discarded as soon as deletion begins, before the wait;
@@ -314,10 +317,8 @@ TEST(PoolDelete, WithRunPendingEveryQueuedItemRunsOnce) {
 
 TEST(PoolDelete, AddingAfterDeletionBeganIsRefused) {
     Journal j;
-    PLT_WORK_ITEM_POOL* pool = nullptr;
-    ASSERT_EQ(PltInitWorkItemPool(&pool, 1, 1, 2), 0u);
-    ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    PLT_WORK_ITEM_POOL* pool = PoolWithBusyWorker(j, 1, 1);
+    ASSERT_NE(pool, nullptr);
     std::atomic<uint32_t> refused{0};
     zt::TestThread deleter([&] { PltDeleteWorkItemPool(pool, 1, PLT_INFINITE); });
     EXPECT_TRUE(zt::WaitUntil([&] {
@@ -336,10 +337,8 @@ TEST(PoolDelete, AddingAfterDeletionBeganIsRefused) {
 TEST(PoolDelete, ACallbackThatNeverReturnsIsTerminatedAtTheBudget) {
     Journal j;  // its gate is never set
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    PLT_WORK_ITEM_POOL* pool = nullptr;
-    ASSERT_EQ(PltInitWorkItemPool(&pool, 2, 2, 2), 0u);
-    ASSERT_EQ(PltAddWorkItem(pool, nullptr, &BlockThenRecord, J(j), 0, 0), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return j.started == 1; }));
+    PLT_WORK_ITEM_POOL* pool = PoolWithBusyWorker(j, 2, 2);
+    ASSERT_NE(pool, nullptr);
     ULONGLONG start = GetTickCount64();
     EXPECT_EQ(PltDeleteWorkItemPool(pool, 1, 300), 0u);
     ULONGLONG elapsed = GetTickCount64() - start;
