@@ -8,14 +8,6 @@
 
 using namespace zendra;
 
-namespace {
-
-uint64_t OwnerOf(const PLT_RW_LOCK* lock) {
-    return __atomic_load_n(&lock->owner, __ATOMIC_ACQUIRE);
-}
-
-}  // namespace
-
 extern "C" uint32_t InitializeReadWriteLock(PLT_RW_LOCK* lock) {
     if (lock == nullptr) return 0;
     ZeroMemory(lock, sizeof *lock);
@@ -46,7 +38,7 @@ extern "C" uint32_t DestroyReadWriteLock(PLT_RW_LOCK* lock) {
 
 extern "C" uint32_t AcquireReadLock(PLT_RW_LOCK* lock, uint32_t* ticket) {
     if (lock == nullptr || ticket == nullptr) return 0;
-    if (OwnerOf(lock) == CurrentThreadId()) {
+    if (WriterIsCaller(&lock->owner)) {
         __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
         *ticket = PLT_TICKET_READ_BY_WRITER;
         return 1;
@@ -61,7 +53,7 @@ extern "C" uint32_t AcquireReadLock(PLT_RW_LOCK* lock, uint32_t* ticket) {
 extern "C" uint32_t AcquireWriteLock(PLT_RW_LOCK* lock, uint32_t* ticket) {
     if (lock == nullptr || ticket == nullptr) return 0;
     __atomic_fetch_add(&lock->writers, 1u, __ATOMIC_ACQ_REL);
-    if (OwnerOf(lock) == CurrentThreadId()) {
+    if (WriterIsCaller(&lock->owner)) {
         *ticket = PLT_TICKET_WRITE_AGAIN;
         return 0;
     }

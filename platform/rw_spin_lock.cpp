@@ -9,14 +9,6 @@
 
 using namespace zendra;
 
-namespace {
-
-uint64_t OwnerOf(const PLT_RW_SPIN_LOCK* lock) {
-    return __atomic_load_n(&lock->owner, __ATOMIC_ACQUIRE);
-}
-
-}  // namespace
-
 extern "C" uint32_t InitializeReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock) {
     if (lock == nullptr) return 0;
     ZeroMemory(lock, sizeof *lock);
@@ -35,7 +27,7 @@ extern "C" uint32_t DestroyReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock) {
 
 extern "C" void AcquireReadSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket) {
     if (lock == nullptr || ticket == nullptr) return;
-    if (OwnerOf(lock) == CurrentThreadId()) {
+    if (WriterIsCaller(&lock->owner)) {
         // The writer reads under its own write hold.
         __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
         *ticket = PLT_TICKET_READ_BY_WRITER;
@@ -50,7 +42,7 @@ extern "C" void AcquireReadSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket) {
 extern "C" uint32_t AcquireWriteSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket) {
     if (lock == nullptr || ticket == nullptr) return 0;
     uint32_t writers = __atomic_add_fetch(&lock->writers, 1u, __ATOMIC_ACQ_REL);
-    if (writers != 1 && OwnerOf(lock) == CurrentThreadId()) {
+    if (writers != 1 && WriterIsCaller(&lock->owner)) {
         *ticket = PLT_TICKET_WRITE_AGAIN;
         return 0;
     }

@@ -36,4 +36,10 @@ PLT_STATUS WaitForObject(HANDLE handle, uint32_t timeoutMs, uint32_t* result);
 
 inline uint64_t CurrentThreadId() { return GetCurrentThreadId(); }
 
+// Whether the calling thread holds a reader-writer lock's write side. The
+// owner is written only by the writer itself, so a plain load decides it.
+inline bool WriterIsCaller(const uint64_t* owner) {
+    return __atomic_load_n(owner, __ATOMIC_ACQUIRE) == CurrentThreadId();
+}
+
 }  // namespace zendra
