@@ -15,8 +15,8 @@ extern "C" {
 /* 0 means handled; anything else is OR-ed into the delivery's result. */
 typedef uint32_t (*MB_SUBSCRIBER_CALLBACK)(uint32_t type, uint32_t action, void* data,
                                            uint32_t length, void* context);
-/* status: the OR of the subscribers' results (1168 when an asynchronous send
- * found no live subscriber). The result is ignored. */
+/* status: the OR of the subscribers' results (NOT_FOUND when an asynchronous
+ * send found no live subscriber). The result is ignored. */
 typedef uint32_t (*MB_COMPLETION_CALLBACK)(uint32_t type, uint32_t action, void* data,
                                            uint32_t length, void* completionContext,
                                            uint32_t status);
@@ -79,28 +79,51 @@ ZENDRA_LAYOUT(offsetof(MB_MESSAGE, workItem) == 32);
 ZENDRA_LAYOUT(offsetof(MB_MESSAGE, completion) == 48);
 ZENDRA_LAYOUT(offsetof(MB_MESSAGE, status) == 56);
 
-/* Creation does not clean up after a partial failure: *bus may be set with a
- * non-zero status. A bus whose message list could not be made refuses every
- * call with 1295; a bus without a pool refuses the asynchronous calls with 87. */
+/* Message types count from 0 (valid 0 to typeCount - 1), and so do actions
+ * (0 to actionCount - 1); MB_ALL_ACTIONS is the only other action value.
+ *
+ * Every bus starts its own work-item pool of 2 to 8 worker threads at normal
+ * priority for the asynchronous and broadcast deliveries.
+ *
+ * INVALID_PARAMETER for a null bus pointer; NO_MEMORY when the bus record
+ * cannot be allocated (*bus null) or its message list cannot (*bus set);
+ * otherwise the status of PltInitWorkItemPool (INVALID_PARAMETER with *bus
+ * set and no pool). Creation does not clean up after a partial failure. A bus
+ * whose message list could not be made refuses every call with
+ * INDEX_OUT_OF_RANGE; a bus without a pool refuses the asynchronous calls with
+ * INVALID_PARAMETER. */
 ZENDRA_API PLT_STATUS MBCreateMsgBus(MB_MSG_BUS** bus, uint32_t typeCount, uint32_t actionCount,
                                      uint32_t maxSubscribers);
 /* Delivers what is still queued (for up to 10000 ms), then frees the bus.
- * The caller's handle variable is left as it is. */
+ * The caller's handle variable is left as it is. INVALID_PARAMETER for a null
+ * bus; otherwise the status of freeing the bus record (0). */
 ZENDRA_API PLT_STATUS MBDeleteMsgBus(MB_MSG_BUS* bus);
+/* Subscribing: INVALID_PARAMETER for a null bus or callback;
+ * INDEX_OUT_OF_RANGE for a type or action out of range, or a full slot (with
+ * MB_ALL_ACTIONS the slots before the full one keep the subscription).
+ * Unsubscribing: the same, and NOT_FOUND when no live entry of the pair is in
+ * the slot (in any slot of the type, with MB_ALL_ACTIONS). */
 ZENDRA_API PLT_STATUS MBSubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback, uint32_t type,
                                   uint32_t action, void* context);
 ZENDRA_API PLT_STATUS MBUnsubscribe(MB_MSG_BUS* bus, MB_SUBSCRIBER_CALLBACK callback, uint32_t type,
                                     uint32_t action, void* context);
 
-/* Calls the slot's live subscribers on this thread; 1168 when none is live. */
+/* The sends check first: INVALID_HANDLE for a null bus (unlike the calls
+ * above), INDEX_OUT_OF_RANGE for a type or action out of range. */
+
+/* Calls the slot's live subscribers on this thread and returns the OR of
+ * their results; NOT_FOUND when none is live. */
 ZENDRA_API PLT_STATUS MBSendMsg(MB_MSG_BUS* bus, uint32_t type, uint32_t action, void* data,
                                 uint32_t length);
-/* As MBSendMsg on a pool thread, then the completion with its status. */
+/* As MBSendMsg on a pool thread, then the completion with its status.
+ * NO_MEMORY when no message record or work item can be had; INVALID_PARAMETER
+ * for a bus without a pool; POOL_STOPPING while the bus is being deleted. */
 ZENDRA_API PLT_STATUS MBSendMsgAsync(MB_MSG_BUS* bus, uint32_t type, uint32_t action, void* data,
                                      uint32_t length, MB_COMPLETION_CALLBACK completion,
                                      void* completionContext);
 /* One work item per live subscriber; the completion fires when the entry at
- * index 0 has returned, and never when the slot held a dead entry or none. */
+ * index 0 has returned, and never when the slot held a dead entry or none.
+ * Fails as MBSendMsgAsync; items queued before a failure still run. */
 ZENDRA_API PLT_STATUS MBBroadcastMsg(MB_MSG_BUS* bus, uint32_t type, uint32_t action, void* data,
                                      uint32_t length, MB_COMPLETION_CALLBACK completion,
                                      void* completionContext);

@@ -9,11 +9,15 @@
 extern "C" {
 #endif
 
-/* ---- threads ---- */
+/* ---- threads ----
+ * Unless a comment says otherwise, these calls return 0 or the error of the
+ * Win32 call that failed. */
 
 /* The library's four-level priority scale (threads, the current process and
- * pool workers). Reading back is lossy: above-normal, time-critical and
- * real-time all read as PRIO_HIGH. */
+ * the workers of PltInitWorkItemPool). Any other value sets normal priority
+ * (for the process, SetPriorityClass refuses it and its error is returned).
+ * Reading back is lossy: above-normal, time-critical and real-time all read
+ * as PRIO_HIGH. */
 #define PRIO_IDLE 0u
 #define PRIO_LOW 1u
 #define PRIO_NORMAL 2u
@@ -22,16 +26,21 @@ extern "C" {
 /* The routine's result becomes the thread's exit code. */
 typedef uint32_t (*PLT_THREAD_ROUTINE)(void* context);
 
-/* The creator owns the handle and closes it with PltCloseThread. */
+/* The creator owns the handle and closes it with PltCloseThread. NO_MEMORY
+ * when the start block cannot be allocated; CreateThread's error. */
 ZENDRA_API PLT_STATUS PltCreateThread(PLT_THREAD_ROUTINE routine, void* context, HANDLE* thread,
                                       uint32_t* threadId);
-/* Ends the thread with exit code 0xFFFFFFFF unless it has already ended. */
+/* Ends the thread with exit code 0xFFFFFFFF unless it has already ended.
+ * INVALID_PARAMETER for a null handle. */
 ZENDRA_API PLT_STATUS PltTerminateThread(HANDLE thread);
 /* *result: PLT_WAIT_TIMEOUT (still running), PLT_WAIT_SIGNALED (ended) or
- * PLT_WAIT_ABANDONED; a time-out returns 0. */
+ * PLT_WAIT_ABANDONED; a time-out returns 0. INVALID_PARAMETER for a null
+ * handle. */
 ZENDRA_API PLT_STATUS PltWaitForThread(HANDLE thread, uint32_t timeoutMs, uint32_t* result);
+/* A null handle returns 0. */
 ZENDRA_API PLT_STATUS PltCloseThread(HANDLE thread);
-/* A null thread means the calling thread. */
+/* A null thread means the calling thread. The two reads return
+ * INVALID_PARAMETER for a null priority. */
 ZENDRA_API PLT_STATUS PltGetThreadPriority(HANDLE thread, uint32_t* priority);
 ZENDRA_API PLT_STATUS PltSetThreadPriority(HANDLE thread, uint32_t priority);
 ZENDRA_API PLT_STATUS PltGetCurrentProcessPriority(uint32_t* priority);
@@ -43,7 +52,9 @@ ZENDRA_API uint32_t PltGetCurrentThreadID(void);
  * thread context. */
 ZENDRA_API uintptr_t PltGetCurrentThreadContext(void);
 
-/* ---- processes, modules and environment ---- */
+/* ---- processes, modules and environment ----
+ * Unless a comment says otherwise, these calls return 0 or the error of the
+ * Win32 call that failed. */
 
 /* A started child, as CreateProcessW fills it; released by PltCloseProcess. */
 typedef struct PLT_PROCESS {
@@ -80,26 +91,31 @@ typedef PLT_STATUS (*PLT_PROCESS_CALLBACK)(const PLT_PROCESS_ENTRY* entry, void*
 /* Starts `application` with a command line made of one space before each of
  * `arguments` (unquoted), up to the first null pointer or empty string; the
  * application name is not repeated in it. A command line that would not fit
- * in PLT_COMMAND_LINE_CHARS gives 87 and starts nothing. With `wait` set,
+ * in PLT_COMMAND_LINE_CHARS gives INVALID_PARAMETER and starts nothing, as
+ * do a null `arguments` or `process`; NO_MEMORY when the record cannot be had. With `wait` set,
  * waits up to 5000 ms and stores the exit code, or 0xFFFFFFFF when the child
  * is still running (it is left running). When CreateProcessW fails, its
  * error is returned and the record allocated for the child stays allocated.
  */
 ZENDRA_API PLT_STATUS PltCreateProcess(const wchar_t* application, const wchar_t** arguments,
                                        uint8_t wait, uint32_t* exitCode, PLT_PROCESS** process);
+/* INVALID_PARAMETER for a null process; a failed CloseHandle leaves the
+ * record allocated. */
 ZENDRA_API PLT_STATUS PltCloseProcess(PLT_PROCESS* process);
 
 /* Reports every running process, or with a filter only those whose name
  * equals (ignoring case) the filter text taken from one of its character
  * positions 0 to filterCount - 1: with filterCount 1 the filter is one name
- * compared whole. Positions past the filter's terminator are not used. */
+ * compared whole. Positions past the filter's terminator are not used.
+ * INVALID_PARAMETER for a null callback. */
 ZENDRA_API PLT_STATUS PltGetProcessList(const wchar_t* filter, uint32_t filterCount,
                                         PLT_PROCESS_CALLBACK callback, void* context);
 
 /* Module names; a null module is the process's executable. Sizes are in
- * characters. Path and file name return 24 when the part is longer than
- * `size`; a part exactly `size` characters long is written with its
- * terminator, one character more than `size`. */
+ * characters; a null buffer gives INVALID_PARAMETER. Path and file name
+ * return BAD_LENGTH when the part is longer than `size`; a part exactly
+ * `size` characters long is written with its terminator, one character more
+ * than `size`. */
 ZENDRA_API PLT_STATUS PltGetModuleName(HMODULE module, wchar_t* buffer, uint32_t size);
 ZENDRA_API PLT_STATUS PltGetModulePath(HMODULE module, wchar_t* buffer, uint32_t size);
 ZENDRA_API PLT_STATUS PltGetModuleFileName(HMODULE module, wchar_t* buffer, uint32_t size);
@@ -107,11 +123,14 @@ ZENDRA_API PLT_STATUS PltGetModuleFileName(HMODULE module, wchar_t* buffer, uint
 /* With a buffer: reads the variable into it (capacity *size characters); a
  * buffer too small returns 0 and leaves both the buffer and *size alone.
  * Without a buffer: *size receives the needed size, terminator included.
- * 203 when the variable does not exist. */
+ * INVALID_PARAMETER for a null name; Win32's 203 (ERROR_ENVVAR_NOT_FOUND)
+ * when the variable does not exist. */
 ZENDRA_API PLT_STATUS PltGetEnvironmentVariable(const wchar_t* name, wchar_t* buffer,
                                                 uint32_t* size);
 
-/* ---- time and dates ---- */
+/* ---- time and dates ----
+ * A null record or output gives INVALID_PARAMETER; otherwise these calls
+ * return 0 or the error of the Win32 call that failed. */
 
 /* Broken-down date and time, smallest unit first. timeZoneBias holds the
  * signed bias in minutes (UTC = local time + bias) as two's complement. */

@@ -17,8 +17,30 @@ extern "C" {
 #define ZENDRA_API __declspec(dllimport)
 #endif
 
-/* 0 on success, otherwise a Windows system error code. */
+/* 0 on success, otherwise a Windows system error code: one of the codes
+ * below, or the GetLastError() value of the Win32 call that failed, passed
+ * through unchanged. Each export's comment names the codes it returns. */
 typedef uint32_t PLT_STATUS;
+
+/* Comments in these headers name the codes without the PLT_STATUS_ prefix. */
+#define PLT_STATUS_SUCCESS 0u
+#define PLT_STATUS_INVALID_HANDLE 6u     /* free before any allocation; null bus */
+#define PLT_STATUS_NO_MEMORY 8u          /* heap exhausted, or no free list entry */
+#define PLT_STATUS_UNCONVERTIBLE_TEXT 9u /* the C runtime's locale cannot convert it */
+#define PLT_STATUS_INVALID_DATA 13u      /* a bad hexadecimal digit */
+#define PLT_STATUS_BAD_LENGTH 24u        /* a module name part does not fit */
+#define PLT_STATUS_NOT_SUPPORTED 50u
+#define PLT_STATUS_INVALID_PARAMETER 87u
+#define PLT_STATUS_BUFFER_OVERFLOW 111u /* a conversion does not fit */
+#define PLT_STATUS_NOT_IMPLEMENTED 120u
+#define PLT_STATUS_NOT_FOUND 1168u
+#define PLT_STATUS_INDEX_OUT_OF_RANGE 1295u /* message bus type, action or slot room */
+#define PLT_STATUS_DEVICE_REMOVED 1617u     /* remove lock being removed */
+#define PLT_STATUS_POOL_STOPPING 0xFFFFFFFFu
+/* The socket accept loop ended because its listener was closed. */
+#define PLT_STATUS_ACCEPT_ENDED 0xE001000Au
+/* A directory path without a single separator (a COM-style code). */
+#define PLT_STATUS_NO_DIRECTORY 0x8004016Bu
 
 /* Four characters, first one in the lowest byte: PLT_TAG('Q','Z','W','I'). */
 #define PLT_TAG(a, b, c, d)                                                                    \
@@ -27,6 +49,9 @@ typedef uint32_t PLT_STATUS;
 
 #define PLT_ALLOC_ZERO 1u /* PltMalloc flag: zero-fill the block */
 #define PLT_INFINITE 0xFFFFFFFFu
+/* Buckets of AllocBySize and LiveAllocBySize, numbered from 0 to
+ * PLT_SIZE_BUCKETS - 1 by requested size: at most 32, 128, 512, 1024, 4096,
+ * 32768, 131072, 262144, 1048576 bytes, and above. */
 #define PLT_SIZE_BUCKETS 10
 
 /* Wait and acquire results. */
@@ -68,10 +93,17 @@ typedef struct PLT_RESOURCE_STATS {
     uint32_t LiveProcessCount;
 } PLT_RESOURCE_STATS;
 
-#ifdef __cplusplus
+/* Layout checks of the records that cross the boundary. C99 has no static
+ * assertion: there a false condition gives an array of negative size. */
+#if defined(__cplusplus) && __cplusplus >= 201103L
 #define ZENDRA_LAYOUT(cond) static_assert(cond, #cond)
-#else
+#elif !defined(__cplusplus) && defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define ZENDRA_LAYOUT(cond) _Static_assert(cond, #cond)
+#else
+/* __COUNTER__ rather than __LINE__: two headers may check on the same line. */
+#define ZENDRA_LAYOUT_NAME2(n) zendra_layout_check_##n
+#define ZENDRA_LAYOUT_NAME(n) ZENDRA_LAYOUT_NAME2(n)
+#define ZENDRA_LAYOUT(cond) typedef char ZENDRA_LAYOUT_NAME(__COUNTER__)[(cond) ? 1 : -1]
 #endif
 
 ZENDRA_LAYOUT(sizeof(PLT_RESOURCE_STATS) == 200);
@@ -106,15 +138,24 @@ ZENDRA_LAYOUT(offsetof(PLT_RESOURCE_STATS, LiveThreadCount) == 188);
 ZENDRA_LAYOUT(offsetof(PLT_RESOURCE_STATS, ProcessCount) == 192);
 ZENDRA_LAYOUT(offsetof(PLT_RESOURCE_STATS, LiveProcessCount) == 196);
 
-/* Tagged memory. The block is preceded by an 8-byte {tag, size} header. */
+/* Tagged memory. The block is preceded by an 8-byte {tag, size} header.
+ * PltMalloc: INVALID_PARAMETER for a null out; NO_MEMORY (*out null). */
 ZENDRA_API PLT_STATUS PltMalloc(void** out, uint32_t size, uint32_t flags, uint32_t tag);
+/* Sets *block to null on success. INVALID_HANDLE before the process's first
+ * allocation; INVALID_PARAMETER for a null block or *block; HeapFree's error
+ * (*block kept). A tag other than the block's is counted, never refused. */
 ZENDRA_API PLT_STATUS PltFree(void** block, uint32_t tag);
+/* Copies the counters field by field; 0. out must not be null. */
 ZENDRA_API PLT_STATUS PltGetResourceStats(PLT_RESOURCE_STATS* out);
+/* Moves only the size's bucket counters (up both, or down the live one); 0. */
 ZENDRA_API PLT_STATUS UpdateMemoryUsage(uint32_t size, uint8_t increment);
+/* INVALID_PARAMETER for a null pageSize; IsWow64Process's error (4096 stored). */
 ZENDRA_API PLT_STATUS PltGetMemoryPageSize(uint32_t* pageSize);
 
-/* System error text; with a null buffer, *length receives the text length. */
+/* System error text; with a null buffer, *length receives the text length.
+ * FormatMessageW's error on failure. */
 ZENDRA_API PLT_STATUS PltGetSystemErrorMsg(uint32_t code, wchar_t* buffer, uint32_t* length);
+/* Always 0. */
 ZENDRA_API PLT_STATUS PltInitEventLog(void);
 
 /* Kernel-only notions kept as no-ops in user mode: always 0. */
@@ -128,24 +169,28 @@ ZENDRA_API PLT_STATUS PltInitMemory(void);
 ZENDRA_API PLT_STATUS PltLowerFromSpinLockLevel(void);
 ZENDRA_API PLT_STATUS PltRaiseToSpinLockLevel(void);
 
-/* Logging is not implemented in this build: always 120. */
+/* Logging is not implemented in this build: always NOT_IMPLEMENTED. */
 ZENDRA_API PLT_STATUS PltLogDbg(const wchar_t* format, ...);
 ZENDRA_API PLT_STATUS PltLogError(const wchar_t* format, ...);
 ZENDRA_API PLT_STATUS PltLogFatal(const wchar_t* format, ...);
 ZENDRA_API PLT_STATUS PltLogInfo(const wchar_t* format, ...);
 ZENDRA_API PLT_STATUS PltLogWarning(const wchar_t* format, ...);
 
-/* Not implemented in this build: always 120. */
+/* Not implemented in this build: always NOT_IMPLEMENTED. */
 ZENDRA_API PLT_STATUS PltSetLogLevel(uint32_t level);
 ZENDRA_API PLT_STATUS PltIssueATAIdentifyCmdEx(void);
 ZENDRA_API PLT_STATUS PltIssueATAWriteUncorrectableExtCmd(void);
 
+/* x * 100 in 32-bit arithmetic; not a status. */
 ZENDRA_API uint32_t Dummy(uint32_t x);
-/* SMART write counters are not supported: always 50. */
+/* SMART write counters are not supported: always NOT_SUPPORTED. */
 ZENDRA_API PLT_STATUS PltGetSMARTAttribsWrites(void);
 
 /* ---- mutexes, fast locks, spin locks and events ----
- * Callers own the storage; init fills it in place, delete leaves it stale. */
+ * Callers own the storage; init fills it in place, delete leaves it stale.
+ * A null object given to init, delete, set, pulse, reset or to the fast and
+ * spin lock calls returns 0 and does nothing. Failures return the Win32
+ * call's error (GetLastError()); no other code is returned. */
 
 typedef struct PLT_MUTEX {
     HANDLE handle;
@@ -168,7 +213,8 @@ ZENDRA_LAYOUT(sizeof(PLT_FAST_LOCK) == 40);
 
 ZENDRA_API PLT_STATUS PltInitializeMutex(PLT_MUTEX* mutex, const wchar_t* name);
 /* *result: PLT_WAIT_TIMEOUT, PLT_WAIT_SIGNALED or PLT_WAIT_ABANDONED; a time-out
- * returns 0 like an acquisition. */
+ * returns 0 like an acquisition. A failed wait returns its error, *result
+ * untouched. Also exported as PltAcquireEvent. */
 ZENDRA_API PLT_STATUS PltAcquireMutex(PLT_MUTEX* mutex, uint32_t timeoutMs, uint32_t* result);
 ZENDRA_API PLT_STATUS PltReleaseMutex(PLT_MUTEX* mutex);
 ZENDRA_API PLT_STATUS PltDeleteMutex(PLT_MUTEX* mutex);
@@ -252,12 +298,17 @@ ZENDRA_LAYOUT(offsetof(PLT_REMOVE_LOCK, event) == 8);
 ZENDRA_LAYOUT(sizeof(PLT_REMOVE_LOCK) == 16);
 
 /* Returns the low 32 bits of the new event handle on success (non-zero!):
- * judge success by lock->event being non-null. */
+ * judge success by lock->event being non-null. CreateEventW's error on
+ * failure; a null lock returns 0. */
 ZENDRA_API PLT_STATUS PltInitRemoveLock(PLT_REMOVE_LOCK* lock);
+/* DEVICE_REMOVED once release-and-wait has been called;
+ * INVALID_PARAMETER for a null lock. */
 ZENDRA_API PLT_STATUS PltAcquireRemoveLock(PLT_REMOVE_LOCK* lock);
+/* INVALID_PARAMETER for a null lock; SetEvent's error. */
 ZENDRA_API PLT_STATUS PltReleaseRemoveLock(PLT_REMOVE_LOCK* lock);
 /* The owner's last call: drops its own acquisition and waits for the others.
- * A time-out is not reported; a second call returns 1 at once. */
+ * A time-out is not reported; a second call returns 1 at once.
+ * INVALID_PARAMETER for a null lock; a failed wait returns its error. */
 ZENDRA_API PLT_STATUS PltReleaseRemoveLockAndWait(PLT_REMOVE_LOCK* lock, uint32_t timeoutMs);
 
 /* ---- lookaside lists ----
@@ -316,7 +367,8 @@ ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, first) == 72);
 ZENDRA_LAYOUT(offsetof(PLT_LOOKASIDE_LIST, last) == 80);
 ZENDRA_LAYOUT(sizeof(PLT_LOOKASIDE_LIST) == 112);
 
-/* entrySize 0 and depth 0 are refused with 87. A caller's firstChunk must
+/* INVALID_PARAMETER for a null list, entrySize 0 or depth 0; NO_MEMORY when
+ * the first chunk cannot be allocated. A caller's firstChunk must
  * come from PltMalloc under the same tag and hold at least
  * 1048 + entrySize * min(depth, 8192) bytes: the list frees it like its own. */
 ZENDRA_API PLT_STATUS PltInitLookasideList(PLT_LOOKASIDE_LIST* list, uint32_t entrySize,
@@ -336,6 +388,7 @@ ZENDRA_API void PltFreeLookasideList(PLT_LOOKASIDE_LIST* list);
  * most recently queued item first; an item queued with toFront set goes to
  * the far end and runs after every item already queued. */
 
+/* A work item's callback. Its return value is ignored. */
 typedef uint32_t (*PLT_WORK_ITEM_ROUTINE)(uint64_t argument1, uint64_t argument2);
 
 /* One 40-byte entry of the pool's item list; its address is the handle. */
@@ -358,28 +411,37 @@ typedef struct PLT_WORKER_ARGUMENT {
     uint32_t slot;
 } PLT_WORKER_ARGUMENT;
 
-/* 87 for bad counts or when the pool record cannot be had. Any later
- * failure returns 0 with *pool null: test the pointer, not only the status. */
+/* priority is one of PRIO_IDLE, PRIO_LOW, PRIO_NORMAL or PRIO_HIGH (os.h);
+ * any other value runs the workers at normal priority. INVALID_PARAMETER for
+ * a null pool, initialThreads 0, maximumThreads 0 or below initialThreads,
+ * or when the pool record cannot be allocated (*pool null). Any later failure
+ * returns 0 with *pool null: test the pointer, not only the status. */
 ZENDRA_API PLT_STATUS PltInitWorkItemPool(PLT_WORK_ITEM_POOL** pool, uint32_t initialThreads,
                                           uint32_t maximumThreads, uint32_t priority);
 /* runPending 0 discards queued items uncalled; otherwise the workers drain the
  * queue within the time-out (ms, PLT_INFINITE for none). Workers still running
- * then are terminated. */
+ * then are terminated. INVALID_PARAMETER for a null pool, else 0. */
 ZENDRA_API PLT_STATUS PltDeleteWorkItemPool(PLT_WORK_ITEM_POOL* pool, uint8_t runPending,
                                             uint32_t timeoutMs);
 /* *item (optional) is always written: the handle, or null on failure.
- * 0xFFFFFFFF once deletion has begun. */
+ * INVALID_PARAMETER for a null pool; POOL_STOPPING once deletion
+ * has begun; NO_MEMORY when no item entry can be had. */
 ZENDRA_API PLT_STATUS PltAddWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM** item,
                                      PLT_WORK_ITEM_ROUTINE callback, uint64_t argument1,
                                      uint64_t argument2, uint8_t toFront);
-/* Only for items known to be still queued; an item already taken is left. */
+/* Only for items known to be still queued; an item already taken is left
+ * (0). INVALID_PARAMETER for a null pool or item. */
 ZENDRA_API PLT_STATUS PltRemoveWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM* item);
-/* Worker thread entry. */
+/* Worker thread entry, started by the pool; not for callers. */
 ZENDRA_API uint32_t PltThreadFunc(PLT_WORKER_ARGUMENT* argument);
 
 /* ---- start-up and shutdown ----
  * Calls nest; the first PltInit builds the default pool (4 workers, up to 8)
- * and the last PltCleanup drains it for at most 1000 ms. */
+ * and the last PltCleanup drains it for at most 1000 ms. PltInit returns
+ * INVALID_PARAMETER when the pool record cannot be allocated; any other
+ * failure to build the pool returns 0 and the library runs without it.
+ * PltCleanup returns INVALID_PARAMETER when the last call finds no default
+ * pool; nested calls return 0. */
 ZENDRA_API PLT_STATUS PltInit(void);
 ZENDRA_API PLT_STATUS PltCleanup(void);
 
