@@ -13,5 +13,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-# Test and benchmark programs run under Wine through this wrapper.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../tools/wine-run.sh)
+# Programs run under Wine: through the source tree's wrapper (with the
+# build's own prefix) when there is one, else through plain wine, as from the
+# copy of this file installed with the package.
+if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/../tools/wine-run.sh)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../tools/wine-run.sh)
+else()
+  set(CMAKE_CROSSCOMPILING_EMULATOR wine)
+endif()

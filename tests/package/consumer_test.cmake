@@ -8,14 +8,15 @@ endfunction()
 
 file(REMOVE_RECURSE ${PREFIX} ${CONSUMER_BUILD})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+set(toolchain lib/cmake/ZendraPlatform/mingw-w64-x86_64.cmake)
 foreach(f bin/ZendraPlatform.dll lib/ZendraPlatform.lib include/zendra/platform.h
-          lib/cmake/ZendraPlatform/ZendraPlatformConfig.cmake)
+          lib/cmake/ZendraPlatform/ZendraPlatformConfig.cmake ${toolchain})
   if(NOT EXISTS ${PREFIX}/${f})
     message(FATAL_ERROR "not installed: ${f}")
   endif()
 endforeach()
 run(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE} -B ${CONSUMER_BUILD} -G Ninja
-    -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_PREFIX_PATH=${PREFIX})
+    -DCMAKE_TOOLCHAIN_FILE=${PREFIX}/${toolchain} -DCMAKE_PREFIX_PATH=${PREFIX})
 run(${CMAKE_COMMAND} --build ${CONSUMER_BUILD})
 file(COPY ${PREFIX}/bin/ZendraPlatform.dll DESTINATION ${CONSUMER_BUILD})
 execute_process(COMMAND env ZENDRA_WINEPREFIX=${WINEPREFIX_DIR} ${WINE_RUN} consumer.exe
