@@ -5,36 +5,67 @@
 
 #include <atomic>
 #include <mutex>
-#include <vector>
+#include <string>
 
 #include <gtest/gtest.h>
 #include <zendra/msgbus.h>
+
+#include "sync_helpers.h"
 
 namespace mbt {
 
 // A subscriber's context: what it saw and what it answers.
 struct Probe {
-    std::atomic<int> calls{0};
+    char name = '?';
     uint32_t answer = 0;
+    std::atomic<int> calls{0};
     std::atomic<DWORD> thread{0};
     void* lastData = nullptr;
-    uint32_t lastLength = 0;
-    int id = 0;
-    std::vector<int>* journal = nullptr;  // records call order across probes
-    std::mutex* journalLock = nullptr;
+    std::string* journal = nullptr;  // call order across probes
 };
 
-inline uint32_t ProbeCallback(uint32_t, uint32_t, void* data, uint32_t length, void* context) {
+inline std::mutex g_journalLock;
+
+inline uint32_t ProbeCallback(uint32_t, uint32_t, void* data, uint32_t, void* context) {
     auto* p = static_cast<Probe*>(context);
     p->lastData = data;
-    p->lastLength = length;
     p->thread = GetCurrentThreadId();
     if (p->journal != nullptr) {
-        std::lock_guard<std::mutex> g(*p->journalLock);
-        p->journal->push_back(p->id);
+        std::lock_guard<std::mutex> g(g_journalLock);
+        *p->journal += p->name;
     }
     ++p->calls;
     return p->answer;
+}
+
+// "a2 b0": the entries of a slot, by probe name and refs.
+inline std::string Entries(MB_MSG_BUS* bus, uint32_t type, uint32_t action) {
+    MB_SLOT& s = bus->types[type].slots[action];
+    std::string out;
+    for (uint32_t i = 0; i < s.count; ++i)
+        out += (i ? " " : "") + std::string(1, static_cast<Probe*>(s.subscribers[i].context)->name) +
+               std::to_string(s.subscribers[i].refs);
+    return out;
+}
+
+// A completion callback's context.
+struct Completion {
+    std::atomic<int> calls{0};
+    std::atomic<uint32_t> status{0xDEADu};
+    std::atomic<DWORD> thread{0};
+    void* data = nullptr;
+    zt::Signal done;
+};
+
+inline uint32_t OnComplete(uint32_t, uint32_t, void* data, uint32_t, void* context,
+                           uint32_t status) {
+    auto* c = static_cast<Completion*>(context);
+    c->data = data;
+    c->status = status;
+    c->thread = GetCurrentThreadId();
+    ++c->calls;
+    c->done.set();
+    return 12345;  // ignored
 }
 
 // Owns a bus for one test and checks that deleting it returns 0.
@@ -44,19 +75,16 @@ public:
         status_ = MBCreateMsgBus(&bus_, types, actions, maxSubscribers);
     }
     ~Bus() {
-        if (bus_ != nullptr) {
-            EXPECT_EQ(MBDeleteMsgBus(bus_), 0u);
-        }
+        if (bus_ != nullptr) EXPECT_EQ(MBDeleteMsgBus(bus_), 0u);
     }
     MB_MSG_BUS* get() const { return bus_; }
     MB_MSG_BUS* operator->() const { return bus_; }
     PLT_STATUS status() const { return status_; }
-    MB_SLOT& slot(uint32_t type, uint32_t action) const { return bus_->types[type].slots[action]; }
-    // Deletes now (for tests that look at what deletion does).
-    PLT_STATUS release() {
-        PLT_STATUS s = MBDeleteMsgBus(bus_);
-        bus_ = nullptr;
-        return s;
+    PLT_STATUS sub(Probe& p, uint32_t type, uint32_t action) {
+        return MBSubscribe(bus_, &ProbeCallback, type, action, &p);
+    }
+    PLT_STATUS unsub(Probe& p, uint32_t type, uint32_t action) {
+        return MBUnsubscribe(bus_, &ProbeCallback, type, action, &p);
     }
 
 private:

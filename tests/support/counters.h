@@ -1,4 +1,4 @@
-// Resource-counter snapshots and the leak assertion.
+// Resource-counter snapshots, exact counter moves and the leak assertion.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,8 +11,8 @@ PLT_RESOURCE_STATS Snapshot();
 // after - before, field by field (wrapping in 32/64 bits like the counters).
 PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_STATS& after);
 
-// Live counters that a check may leave aside, when the behaviour under test
-// keeps such objects on purpose.
+// Live counters a check may leave aside, where the behaviour under test keeps
+// such objects on purpose.
 enum LiveMask : unsigned {
     kCheckAll = 0,
     kIgnoreThreads = 1u << 0,
@@ -20,12 +20,12 @@ enum LiveMask : unsigned {
     kIgnoreAllocations = 1u << 2,
 };
 
-// The counters moved by exactly `expected` since `before` (every field; the
-// ones left out of `expected` must not have moved).
+// The counters moved by exactly `expected` since `before`: every field, so the
+// ones left out of `expected` must not have moved.
 ::testing::AssertionResult DeltaIs(const PLT_RESOURCE_STATS& before,
                                    const PLT_RESOURCE_STATS& expected);
 
-// Every live counter (and live byte count) is where it was in `before`.
+// Every live counter and live byte count is back where it was in `before`.
 ::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before, unsigned ignore = kCheckAll);
 
 }  // namespace zt

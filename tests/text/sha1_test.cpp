@@ -1,7 +1,6 @@
 // SHA-1 against the published examples and against the system's own SHA-1
-// (BCrypt). CTest runs these cases twice: with the block function the CPU
-// selects and with ZENDRA_SHA1_IMPL=portable, so both implementations meet
-// the same reference on the same inputs.
+// (BCrypt). CTest runs these cases with the block function the CPU selects and
+// with ZENDRA_SHA1_IMPL=portable, so both meet the same reference.
 #include <stdio.h>
 #include <string.h>
 #include <windows.h>
@@ -25,12 +24,10 @@ std::string Hex(const uint8_t* digest) {
 }
 
 std::string Sha(const void* data, size_t length) {
-    uint8_t digest[20];
-    EXPECT_EQ(ShaGetHash(data, static_cast<uint32_t>(length), digest), 0u);
-    return Hex(digest);
+    zt::GuardedBuffer digest(20);
+    EXPECT_EQ(ShaGetHash(data, static_cast<uint32_t>(length), digest.as<uint8_t>()), 0u);
+    return Hex(digest.as<uint8_t>());
 }
-
-std::string Sha(const std::string& text) { return Sha(text.data(), text.size()); }
 
 std::string SystemSha(const void* data, size_t length) {
     BCRYPT_ALG_HANDLE algorithm = nullptr;
@@ -52,36 +49,26 @@ std::string SystemSha(const void* data, size_t length) {
 TEST(Sha1, PublishedExamples) {
     EXPECT_EQ(Sha("Test", 5), "5B8486158773F33D47B298ADAEA411901463418F") << "with its zero";
     EXPECT_EQ(Sha(nullptr, 0), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
-    EXPECT_EQ(Sha("abc"), "A9993E364706816ABA3E25717850C26C9CD0D89D");
-    EXPECT_EQ(Sha("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
-              "84983E441C3BD26EBAAE4AA1F95129E5E54670F1");
-    EXPECT_EQ(Sha("abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmno"
-                  "ijklmnopjklmnopqklmnopqrlmnopqrsmnopqrstnopqrstu"),
-              "A49B2446A02C645BF419F995B67091253A04A259");
-    EXPECT_EQ(Sha(std::string(1000000, 'a')), "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F");
+    EXPECT_EQ(Sha("abc", 3), "A9993E364706816ABA3E25717850C26C9CD0D89D");
+    std::string million(1000000, 'a');
+    EXPECT_EQ(Sha(million.data(), million.size()), "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F");
     ASSERT_EQ(SystemSha("abc", 3), "A9993E364706816ABA3E25717850C26C9CD0D89D") << "reference";
 }
 
-TEST(Sha1, EveryLengthUpTo1000AndRandomUnalignedInputs) {
-    std::vector<uint8_t> data(1016);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + (i >> 8));
-    for (size_t length = 0; length <= 1000; ++length)
-        ASSERT_EQ(Sha(data.data(), length), SystemSha(data.data(), length)) << length;
+TEST(Sha1, EveryLengthUpTo1000UnalignedGuardedAndLarge) {
     std::mt19937 random(20240611);
-    for (int round = 0; round < 4; ++round) {
-        for (uint8_t& b : data) b = static_cast<uint8_t>(random());
-        for (size_t length = 0; length <= 5 * 64; ++length) {
-            const uint8_t* start = data.data() + (length + round) % 16;
-            ASSERT_EQ(Sha(start, length), SystemSha(start, length)) << length << " " << round;
-        }
-    }
-}
-
-TEST(Sha1, LargeInputs) {
-    std::mt19937 random(7);
     std::vector<uint8_t> data((16u << 20) + 77);
     for (uint8_t& b : data) b = static_cast<uint8_t>(random());
-    for (size_t length : {size_t{65537}, (size_t{1} << 20) + 13, data.size()})
+    for (size_t length = 0; length <= 1000; ++length) {
+        const uint8_t* start = data.data() + length % 16;
+        ASSERT_EQ(Sha(start, length), SystemSha(start, length)) << length;
+    }
+    for (size_t length : {55u, 56u, 64u, 65u}) {
+        zt::GuardedBuffer input(length);
+        memcpy(input.data(), data.data(), length);
+        EXPECT_EQ(Sha(input.data(), length), SystemSha(input.data(), length)) << length;
+    }
+    for (size_t length : {size_t{65537}, data.size()})
         EXPECT_EQ(Sha(data.data(), length), SystemSha(data.data(), length)) << length;
     // 513 MiB is more than 2^32 bits, so the length's high half counts. The
     // pages are never written and cost no memory.
@@ -90,17 +77,6 @@ TEST(Sha1, LargeInputs) {
     ASSERT_NE(zeros, nullptr);
     EXPECT_EQ(Sha(zeros, huge), SystemSha(zeros, huge));
     VirtualFree(zeros, 0, MEM_RELEASE);
-}
-
-TEST(Sha1, StaysInsideInputAndDigest) {
-    zt::GuardedBuffer digest(20);
-    for (size_t length : {1u, 55u, 56u, 64u, 65u, 1000u}) {
-        zt::GuardedBuffer input(length);
-        memset(input.data(), 0x5A, length);
-        ASSERT_EQ(ShaGetHash(input.data(), static_cast<uint32_t>(length), digest.as<uint8_t>()),
-                  0u);
-        EXPECT_EQ(Hex(digest.as<uint8_t>()), SystemSha(input.data(), length)) << length;
-    }
 }
 
 }  // namespace

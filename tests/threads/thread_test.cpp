@@ -1,200 +1,177 @@
-// Counted threads: creation, waits, termination, closing and their failures.
+// Counted threads (creation, waits, termination, closing) and the four-level
+// priority scale on threads and on the current process.
 #include <windows.h>
+
+#include <atomic>
 
 #include <gtest/gtest.h>
 #include <zendra/os.h>
 
 #include "counters.h"
 #include "heap_failure.h"
-#include "import_hook.h"
+#include "import_failure.h"
 #include "sync_helpers.h"
 
 namespace {
 
+const HANDLE kBogus = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x7FFF1230));
+
 struct Context {
-    HANDLE go = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    DWORD seenId = 0;
+    zt::Signal go;
+    std::atomic<DWORD> seenId{0};
     uint32_t exitCode = 7;
-    ~Context() { CloseHandle(go); }
 };
 
 uint32_t WaitsForGo(void* p) {
     auto* c = static_cast<Context*>(p);
     c->seenId = GetCurrentThreadId();
-    WaitForSingleObject(c->go, INFINITE);
+    c->go.wait(INFINITE);
     return c->exitCode;
 }
 
-uint32_t ReturnsAtOnce(void* p) { return static_cast<Context*>(p)->exitCode; }
-
-TEST(PltCreateThread, RunsTheRoutineCountsTheThreadAndFreesItsStartBlock) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    Context c;
-    c.exitCode = 1234;
-    HANDLE thread = nullptr;
-    uint32_t id = 0;
-    ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, &id), 0u);
-    ASSERT_NE(thread, nullptr);
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    EXPECT_EQ(d.ThreadCount, 1u);
-    EXPECT_EQ(d.LiveThreadCount, 1u);
-    EXPECT_EQ(d.UntaggedAllocCount, 1u) << "the start block is an untagged allocation";
-    EXPECT_EQ(d.LiveAllocCount, 1u) << "the start block is alive while the routine runs";
-
-    SetEvent(c.go);
-    uint32_t result = 0;
-    EXPECT_EQ(PltWaitForThread(thread, 10000, &result), 0u);
-    EXPECT_EQ(result, PLT_WAIT_SIGNALED);
-    EXPECT_EQ(c.seenId, id);
+DWORD ExitCode(HANDLE thread) {
     DWORD code = 0;
     GetExitCodeThread(thread, &code);
-    EXPECT_EQ(code, 1234u) << "the routine's result is the exit code";
+    return code;
+}
+
+TEST(Threads, CreateWaitTerminateAndCloseWithTheirCounters) {
+    PLT_RESOURCE_STATS before = zt::Snapshot();
+    Context c, d;
+    c.exitCode = 1234;
+    HANDLE thread = nullptr, other = nullptr;
+    uint32_t id = 0, result = 0;
+    ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, &id), 0u);
+    PLT_RESOURCE_STATS expected{.AllocCount = 1, .AllocBytes = 24, .LiveAllocCount = 1,
+                                .LiveAllocBytes = 24, .UntaggedAllocCount = 1, .ThreadCount = 1,
+                                .LiveThreadCount = 1};
+    expected.AllocBySize[0] = expected.LiveAllocBySize[0] = 1;
+    EXPECT_TRUE(zt::DeltaIs(before, expected)) << "the start block lives while the routine runs";
+    EXPECT_EQ(PltWaitForThread(thread, 0, &result), 0u);
+    EXPECT_EQ(result, PLT_WAIT_TIMEOUT);
+    c.go.set();
+    EXPECT_EQ(PltWaitForThread(thread, PLT_INFINITE, &result), 0u);
+    EXPECT_EQ(result, PLT_WAIT_SIGNALED);
+    EXPECT_EQ(c.seenId, id);
+    EXPECT_EQ(PltTerminateThread(thread), 0u) << "an ended thread keeps its exit code";
+    EXPECT_EQ(ExitCode(thread), 1234u);
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveAllocCount, 0u) << "the thread freed its block";
-
-    EXPECT_EQ(PltCloseThread(thread), 0u);
-    EXPECT_NO_LEAKS(before);
+    ASSERT_EQ(PltCreateThread(&WaitsForGo, &d, &other, nullptr), 0u);
+    ASSERT_TRUE(zt::WaitUntil([&] { return d.seenId != 0; }));
+    EXPECT_EQ(PltTerminateThread(other), 0u);
+    EXPECT_EQ(PltWaitForThread(other, 10000, nullptr), 0u);
+    EXPECT_EQ(ExitCode(other), 0xFFFFFFFFu);
+    EXPECT_EQ(PltCloseThread(thread) + PltCloseThread(other) + PltCloseThread(nullptr), 0u);
+    EXPECT_NO_LEAKS(before, zt::kIgnoreAllocations);  // the terminated thread's start block
+    EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveAllocBytes, 24u);
+    for (auto status : {PltWaitForThread(nullptr, 0, &result), PltTerminateThread(nullptr)})
+        EXPECT_EQ(status, 87u);
+    for (auto status : {PltWaitForThread(kBogus, 0, &result), PltTerminateThread(kBogus),
+                        PltCloseThread(kBogus)})
+        EXPECT_EQ(status, static_cast<uint32_t>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(result, PLT_WAIT_SIGNALED) << "a failed wait leaves the result";
 }
 
-TEST(PltCreateThread, HandleAndIdOutputsAreOptional) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    Context c;
-    ASSERT_EQ(PltCreateThread(&ReturnsAtOnce, &c, nullptr, nullptr), 0u);
-    // Without the handle nobody can close it: the live count keeps it.
-    ASSERT_TRUE(
-        zt::WaitUntil([&] { return zt::Delta(before, zt::Snapshot()).LiveAllocCount == 0; }));
-    EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveThreadCount, 1u);
-}
-
-TEST(PltCreateThread, StartBlockAllocationFailureReturns8) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    HANDLE thread = reinterpret_cast<HANDLE>(1);
-    Context c;
-    {
-        zt::HeapFailure fail(0);
-        EXPECT_EQ(PltCreateThread(&ReturnsAtOnce, &c, &thread, nullptr), 8u);
-    }
-    EXPECT_EQ(thread, reinterpret_cast<HANDLE>(1));
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    EXPECT_EQ(d.ThreadCount, 0u);
-    EXPECT_NO_LEAKS(before);
-}
-
-void* g_lastParameter;
+void* g_parameter;
 DWORD g_createError;
 HANDLE WINAPI FailCreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE, LPVOID param,
                                DWORD, LPDWORD) {
-    g_lastParameter = param;
+    g_parameter = param;
     SetLastError(g_createError);
     return nullptr;
 }
 
-TEST(PltCreateThread, CreateThreadFailureReturnsItsErrorAndFreesTheBlock) {
+TEST(Threads, CreationFailuresAndOptionalOutputs) {
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    g_createError = ERROR_MAX_THRDS_REACHED;
-    HANDLE thread = reinterpret_cast<HANDLE>(1);
     Context c;
+    c.go.set();
+    HANDLE thread = kBogus;
+    {
+        zt::HeapFailure fail(0);
+        EXPECT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, nullptr), 8u);
+    }
     {
         zt::ImportHook hook("CreateThread", reinterpret_cast<void*>(&FailCreateThread));
-        EXPECT_EQ(PltCreateThread(&ReturnsAtOnce, &c, &thread, nullptr),
-                  static_cast<uint32_t>(ERROR_MAX_THRDS_REACHED));
+        g_createError = ERROR_MAX_THRDS_REACHED;
+        EXPECT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, nullptr), g_createError);
+        EXPECT_EQ(thread, kBogus);
+        EXPECT_NO_LEAKS(before);
+        g_createError = 0;  // no error code: 0 without a thread, the block kept
+        EXPECT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, nullptr), 0u);
     }
-    EXPECT_EQ(thread, reinterpret_cast<HANDLE>(1));
+    EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveAllocCount + PltFree(&g_parameter, 0), 1u);
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).ThreadCount, 0u);
-    EXPECT_NO_LEAKS(before);
+    ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, nullptr, nullptr), 0u);
+    ASSERT_TRUE(zt::WaitUntil([&] { return zt::Delta(before, zt::Snapshot()).LiveAllocCount == 0; }));
+    EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveThreadCount, 1u) << "nobody can close it";
 }
 
-TEST(PltCreateThread, FailureWithoutAnErrorCodeReturnsZeroAndKeepsTheBlock) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    g_createError = 0;
-    HANDLE thread = nullptr;
-    Context c;
-    {
-        zt::ImportHook hook("CreateThread", reinterpret_cast<void*>(&FailCreateThread));
-        EXPECT_EQ(PltCreateThread(&ReturnsAtOnce, &c, &thread, nullptr), 0u);
-    }
-    EXPECT_EQ(thread, nullptr);
-    PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-    EXPECT_EQ(d.ThreadCount, 0u);
-    EXPECT_EQ(d.LiveAllocCount, 1u) << "the start block is not freed on this path";
-    ASSERT_EQ(PltFree(&g_lastParameter, 0), 0u);
-    EXPECT_NO_LEAKS(before);
-}
-
-TEST(PltWaitForThread, TimeOutIsResultOneWithStatusZero) {
-    Context c;
-    HANDLE thread = nullptr;
-    ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, nullptr), 0u);
-    uint32_t result = 0;
-    EXPECT_EQ(PltWaitForThread(thread, 0, &result), 0u);
-    EXPECT_EQ(result, PLT_WAIT_TIMEOUT);
-    SetEvent(c.go);
-    EXPECT_EQ(PltWaitForThread(thread, PLT_INFINITE, &result), 0u);
-    EXPECT_EQ(result, PLT_WAIT_SIGNALED);
-    EXPECT_EQ(PltWaitForThread(thread, 0, nullptr), 0u);
-    EXPECT_EQ(PltCloseThread(thread), 0u);
-}
-
-TEST(PltWaitForThread, BadHandles) {
-    uint32_t result = 42;
-    EXPECT_EQ(PltWaitForThread(nullptr, 0, &result), 87u);
-    EXPECT_EQ(PltWaitForThread(reinterpret_cast<HANDLE>(0x7FFF1230), 0, &result),
-              static_cast<uint32_t>(ERROR_INVALID_HANDLE));
-    EXPECT_EQ(result, 42u);
-}
-
-TEST(PltTerminateThread, EndsARunningThreadWithExitCodeAllOnes) {
-    Context c;
-    HANDLE thread = nullptr;
-    ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, nullptr), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return c.seenId != 0; }));
-    EXPECT_EQ(PltTerminateThread(thread), 0u);
-    uint32_t result = 0;
-    EXPECT_EQ(PltWaitForThread(thread, 10000, &result), 0u);
-    EXPECT_EQ(result, PLT_WAIT_SIGNALED);
-    DWORD code = 0;
-    GetExitCodeThread(thread, &code);
-    EXPECT_EQ(code, 0xFFFFFFFFu);
-    EXPECT_EQ(PltCloseThread(thread), 0u) << "the handle stays open after termination";
-}
-
-TEST(PltTerminateThread, AnEndedThreadKeepsItsExitCode) {
-    Context c;
-    c.exitCode = 55;
-    HANDLE thread = nullptr;
-    ASSERT_EQ(PltCreateThread(&ReturnsAtOnce, &c, &thread, nullptr), 0u);
-    ASSERT_EQ(PltWaitForThread(thread, 10000, nullptr), 0u);
-    EXPECT_EQ(PltTerminateThread(thread), 0u);
-    DWORD code = 0;
-    GetExitCodeThread(thread, &code);
-    EXPECT_EQ(code, 55u);
-    EXPECT_EQ(PltCloseThread(thread), 0u);
-}
-
-TEST(PltTerminateThread, BadHandles) {
-    EXPECT_EQ(PltTerminateThread(nullptr), 87u);
-    EXPECT_EQ(PltTerminateThread(reinterpret_cast<HANDLE>(0x7FFF1230)),
-              static_cast<uint32_t>(ERROR_INVALID_HANDLE));
-}
-
-TEST(PltCloseThread, NullIsNothingAndAFailedCloseKeepsTheCounter) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    EXPECT_EQ(PltCloseThread(nullptr), 0u);
-    EXPECT_EQ(PltCloseThread(reinterpret_cast<HANDLE>(0x7FFF1230)),
-              static_cast<uint32_t>(ERROR_INVALID_HANDLE));
-    EXPECT_NO_LEAKS(before);
-}
-
-TEST(CurrentThread, IdentifiersMatchWin32) {
+TEST(Threads, CurrentIdentifiers) {
     EXPECT_EQ(PltGetCurrentProcessID(), GetCurrentProcessId());
     EXPECT_EQ(PltGetCurrentThreadID(), GetCurrentThreadId());
     EXPECT_EQ(PltGetCurrentThread(), GetCurrentThread());
-    EXPECT_EQ(PltGetCurrentThreadContext(), static_cast<uintptr_t>(GetCurrentThreadId()));
     uintptr_t other = 0;
+    zt::TestThread([&] { other = PltGetCurrentThreadContext(); }).join();
+    EXPECT_EQ(PltGetCurrentThreadContext(), static_cast<uintptr_t>(GetCurrentThreadId()));
+    EXPECT_TRUE(other != 0 && other != PltGetCurrentThreadContext());
+}
+
+int WINAPI FailGetThreadPriority(HANDLE) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return THREAD_PRIORITY_ERROR_RETURN;
+}
+
+TEST(Priority, ThreadLevelsSetReadBackLossilyAndFail) {
+    // Set level -> Win32 priority; read Win32 priority -> level.
+    const int set[][2] = {{PRIO_IDLE, -15}, {PRIO_LOW, -1}, {PRIO_NORMAL, 0}, {PRIO_HIGH, 2}, {7, 0}};
+    const int read[][2] = {{-15, PRIO_IDLE}, {-2, PRIO_LOW}, {-1, PRIO_LOW}, {0, PRIO_NORMAL},
+                           {1, PRIO_HIGH},   {2, PRIO_HIGH}, {15, PRIO_HIGH}};
+    zt::TestThread([&] {
+        HANDLE self = GetCurrentThread();
+        for (auto [level, win32] : set) {
+            EXPECT_EQ(PltSetThreadPriority(level == PRIO_LOW ? nullptr : self, level), 0u);
+            EXPECT_EQ(GetThreadPriority(self), win32) << "level " << level;
+        }
+        for (auto [win32, level] : read) {
+            uint32_t got = 99;
+            SetThreadPriority(self, win32);
+            EXPECT_EQ(PltGetThreadPriority(win32 == 1 ? nullptr : self, &got), 0u);
+            EXPECT_EQ(got, static_cast<uint32_t>(level)) << "Win32 priority " << win32;
+        }
+    }).join();
+    uint32_t got = 99;
+    EXPECT_EQ(PltGetThreadPriority(nullptr, nullptr), 87u);
     {
-        zt::TestThread t([&] { other = PltGetCurrentThreadContext(); });
+        zt::ImportHook hook("GetThreadPriority", reinterpret_cast<void*>(&FailGetThreadPriority));
+        EXPECT_EQ(PltGetThreadPriority(nullptr, &got), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
     }
-    EXPECT_NE(other, PltGetCurrentThreadContext());
-    EXPECT_NE(other, 0u);
+    EXPECT_EQ(got, PRIO_NORMAL) << "the output keeps its pre-set value";
+    EXPECT_EQ(PltSetThreadPriority(kBogus, PRIO_LOW), static_cast<uint32_t>(ERROR_INVALID_HANDLE));
+}
+
+TEST(Priority, ProcessClassesSetReadBackAndFail) {
+    const DWORD set[][2] = {{PRIO_IDLE, IDLE_PRIORITY_CLASS}, {PRIO_LOW, BELOW_NORMAL_PRIORITY_CLASS},
+                            {PRIO_HIGH, HIGH_PRIORITY_CLASS}, {PRIO_NORMAL, NORMAL_PRIORITY_CLASS}};
+    for (auto [level, win32] : set) {
+        uint32_t got = 99;
+        EXPECT_EQ(PltSetCurrentProcessPriority(level), 0u);
+        EXPECT_EQ(GetPriorityClass(GetCurrentProcess()), win32);
+        EXPECT_EQ(PltGetCurrentProcessPriority(&got), 0u);
+        EXPECT_EQ(got, level);
+    }
+    uint32_t got = 99;
+    SetPriorityClass(GetCurrentProcess(), ABOVE_NORMAL_PRIORITY_CLASS);
+    EXPECT_EQ(PltGetCurrentProcessPriority(&got), 0u);
+    EXPECT_EQ(got, PRIO_HIGH);
+    EXPECT_EQ(PltSetCurrentProcessPriority(4), static_cast<uint32_t>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(GetPriorityClass(GetCurrentProcess()), static_cast<DWORD>(ABOVE_NORMAL_PRIORITY_CLASS));
+    EXPECT_EQ(PltGetCurrentProcessPriority(nullptr), 87u);
+    {
+        ZT_FAIL_IMPORT(GetPriorityClass, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(PltGetCurrentProcessPriority(&got), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
+    }
+    EXPECT_EQ(got, PRIO_NORMAL);
+    SetPriorityClass(GetCurrentProcess(), NORMAL_PRIORITY_CLASS);
 }
 
 }  // namespace
