@@ -8,6 +8,14 @@
 
 namespace zb {
 
+namespace {
+bool g_full;
+}  // namespace
+
+bool Full() { return g_full; }
+
+long Count(long quick, long full) { return g_full ? full : quick; }
+
 std::vector<Suite>& Suites() {
     static std::vector<Suite> suites;
     return suites;
@@ -88,12 +96,20 @@ void Report(const std::string& name, double value, const std::string& unit) {
 
 }  // namespace zb
 
+// zendra_bench [--full] [suite...]: every suite when none is named.
 int main(int argc, char** argv) {
+    std::vector<const char*> names;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--full") == 0)
+            zb::g_full = true;
+        else
+            names.push_back(argv[i]);
+    }
     printf("%-52s %13s   %-34s %13s   %7s\n", "operation", "median", "Win32 counterpart", "median",
            "ratio");
     for (const zb::Suite& s : zb::Suites()) {
-        bool selected = argc < 2;
-        for (int i = 1; i < argc; ++i) selected |= strcmp(argv[i], s.name) == 0;
+        bool selected = names.empty();
+        for (const char* name : names) selected |= strcmp(name, s.name) == 0;
         if (!selected) continue;
         printf("-- %s\n", s.name);
         s.run();

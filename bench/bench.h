@@ -13,9 +13,15 @@ namespace zb {
 
 using Op = std::function<void(long iterations)>;
 
+// Every suite runs a quick pass by default, about a minute in all; --full
+// runs the full counts, whose figures are steadier.
+bool Full();
+// `quick` in a default run, `full` with --full.
+long Count(long quick, long full);
+
 struct Options {
     long iterations = 100000;  // per repetition and thread
-    int repetitions = 11;
+    int repetitions = static_cast<int>(Count(5, 11));
     int threads = 1;  // each thread runs the whole op concurrently
 };
 

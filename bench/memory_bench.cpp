@@ -9,7 +9,7 @@ ZB_SUITE(memory) {
         for (uint32_t size : {16u, 256u, 4096u}) {
             zb::Options o;
             o.threads = threads;
-            o.iterations = 200000;
+            o.iterations = zb::Count(50000, 200000);
             zb::Compare(
                 "PltMalloc+PltFree " + std::to_string(size) + " B",
                 [=](long n) {

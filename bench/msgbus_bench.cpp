@@ -35,7 +35,7 @@ ZB_SUITE(msgbus) {
             g_direct[i] = &Handled;
         }
         zb::Options o;
-        o.iterations = 500000;
+        o.iterations = zb::Count(100000, 500000);
         char data[16] = {};
         zb::Compare(
             "MBSendMsg, " + std::to_string(subscribers) + " subscriber(s)",
@@ -57,7 +57,7 @@ ZB_SUITE(msgbus) {
 
     // Throughput of one sender: time from the first send to the last
     // completion.
-    const long kMessages = 20000;
+    const long kMessages = zb::Count(5000, 20000);
     for (int repetition = 0; repetition < 3; ++repetition) {
         MB_MSG_BUS* bus = nullptr;
         MBCreateMsgBus(&bus, 2, 2, 16);
@@ -76,7 +76,7 @@ ZB_SUITE(msgbus) {
         MB_MSG_BUS* bus = nullptr;
         MBCreateMsgBus(&bus, 2, 2, 16);
         for (int i = 0; i < 8; ++i) MBSubscribe(bus, &Counted, 1, 1, &g_contexts[i]);
-        const long kBroadcasts = 2000;
+        const long kBroadcasts = zb::Count(500, 2000);
         g_calls = 0;
         g_completions = 0;
         double start = zb::NowNs();

@@ -55,7 +55,7 @@ void WaitForCount(long target) {
 
 ZB_SUITE(lookaside) {
     zb::Options o;
-    o.iterations = 1000000;
+    o.iterations = zb::Count(200000, 1000000);
     PLT_LOOKASIDE_LIST locked, unlocked;
     FillChunks(&locked, 0, 0);
     FillChunks(&unlocked, 0, 1);
@@ -76,7 +76,7 @@ ZB_SUITE(lookaside) {
 }
 
 ZB_SUITE(workitems) {
-    const long kItems = 20000;
+    const long kItems = zb::Count(5000, 20000);
     for (int repetition = 0; repetition < 3; ++repetition) {
         PLT_WORK_ITEM_POOL* pool = nullptr;
         PltInitWorkItemPool(&pool, 2, 8, 2);
@@ -103,7 +103,8 @@ ZB_SUITE(workitems) {
     PltInitWorkItemPool(&pool, 2, 8, 2);
     auto latency = [](auto submit) {
         std::vector<double> samples;
-        for (int i = 0; i < 201; ++i) {
+        const long rounds = zb::Count(51, 201);
+        for (long i = 0; i < rounds; ++i) {
             g_seenAt = 0;
             double start = zb::NowNs();
             submit();

@@ -33,7 +33,8 @@ void MeasureActive() {
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 131);
     for (uint32_t size : {64u, 1024u, 16384u, 1u << 20}) {
         zb::Options o;
-        o.iterations = std::max(1L, static_cast<long>((64u << 20) / size));
+        // 16 MiB (quick) or 64 MiB (--full) per repetition.
+        o.iterations = std::max(1L, zb::Count(16L << 20, 64L << 20) / static_cast<long>(size));
         double ns = zb::MedianNs(
             [&](long n) {
                 uint8_t digest[20];
@@ -52,7 +53,8 @@ void MeasureActive() {
 void MeasurePortableInChild() {
     wchar_t self[MAX_PATH];
     GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring commandLine = L"\"" + std::wstring(self) + L"\" sha1";
+    std::wstring commandLine =
+        L"\"" + std::wstring(self) + L"\" sha1" + (zb::Full() ? L" --full" : L"");
 
     SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
     HANDLE readEnd, writeEnd;

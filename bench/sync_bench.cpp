@@ -38,7 +38,7 @@ uint32_t EmptyRoutine(void*) { return 0; }
 ZB_SUITE(locks) {
     InitializeCriticalSectionAndSpinCount(&g_cs, 1024);
     zb::Options o;
-    o.iterations = 1000000;
+    o.iterations = zb::Count(200000, 1000000);
 
     PLT_FAST_LOCK fast;
     PltInitializeFastLock(&fast);
@@ -88,12 +88,13 @@ ZB_SUITE(locks) {
         "SRWLOCK exclusive", SrwExclusive, o);
     zb::Options two = o;
     two.threads = 2;
-    two.iterations = 300000;
+    two.iterations = zb::Count(60000, 300000);
     zb::Compare("rw spin lock read", rwsRead, "SRWLOCK shared", SrwShared, two);
     DestroyReadWriteSpinLock(&rws);
 
+    // Kernel events and mutexes under Wine take tens of microseconds a round.
     zb::Options slow;
-    slow.iterations = 20000;
+    slow.iterations = zb::Count(4000, 20000);
     PLT_RW_LOCK rw;
     InitializeReadWriteLock(&rw);
     zb::Compare(
@@ -168,7 +169,7 @@ ZB_SUITE(locks) {
 
 ZB_SUITE(threads) {
     zb::Options o;
-    o.iterations = 300;
+    o.iterations = zb::Count(50, 300);
     zb::Compare(
         "PltCreateThread+wait+close",
         [](long n) {
