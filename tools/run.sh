@@ -3,7 +3,7 @@
 # so that missing packages can be installed):
 #   bash tools/run.sh selfcheck   build the DLL and the runner, run the self-check runner under Wine
 #   bash tools/run.sh test        build everything and run the whole test suite under Wine
-#   bash tools/run.sh bench       build and run the benchmark program under Wine (--full: every row)
+#   bash tools/run.sh bench       build and run the benchmark program under Wine (--full: full counts)
 # Missing packages are installed with apt-get. BUILD_DIR overrides ./build.
 set -euo pipefail
 
@@ -14,7 +14,8 @@ shift || true
 
 # Debian's wine64 holds the 64-bit loader; only the wine package puts wine and
 # wineserver on the path, and --no-install-recommends would leave it out.
-packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine wine64 googletest python3)
+# clang runs the public headers' second compiler check (skipped without it).
+packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine wine64 googletest python3 clang)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
