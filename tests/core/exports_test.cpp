@@ -1,14 +1,11 @@
 // The export table: exactly the listed names, names of one body at one
 // address, and only system DLLs imported.
-#include <windows.h>
 
 #include <map>
 #include <set>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "import_hook.h"
+#include "zt.h"
 
 namespace {
 

@@ -1,16 +1,7 @@
 // Tagged allocation and the resource counters, through the exports.
 #include <string.h>
-#include <windows.h>
 
-#include <thread>
-
-#include <gtest/gtest.h>
-#include <zendra/platform.h>
-
-#include "counters.h"
-#include "guarded_buffer.h"
-#include "heap_failure.h"
-#include "import_failure.h"
+#include "zt.h"
 
 namespace {
 
@@ -36,9 +27,7 @@ TEST(PltMalloc, CountsEachSizeInItsBucketAndFreeTakesItBack) {
         EXPECT_TRUE(zt::DeltaIs(before, expected)) << "size " << size;
         EXPECT_EQ(PltFree(&p, kTag), 0u);
         EXPECT_EQ(p, nullptr);
-        expected.LiveAllocCount = 0;
-        expected.LiveAllocBytes = expected.LiveAllocBySize[bucket] = 0;
-        EXPECT_TRUE(zt::DeltaIs(before, expected)) << "size " << size;
+        EXPECT_NO_LEAKS(before) << "size " << size;
     }
 }
 
@@ -102,22 +91,6 @@ TEST(PltMalloc, FailuresAndWrongTags) {
     HeapFree(GetProcessHeap(), 0, static_cast<char*>(p) - 8);
 }
 
-TEST(PltMalloc, ConcurrentPairsKeepCountersExact) {
-    PLT_RESOURCE_STATS before = zt::Snapshot();
-    const int kRounds = 20000;
-    auto work = [] {
-        for (int i = 0; i < kRounds; ++i) {
-            void* p = nullptr;
-            if (PltMalloc(&p, static_cast<uint32_t>(i % 300), 0, kTag) == 0) PltFree(&p, kTag);
-        }
-    };
-    std::thread a(work), b(work);
-    a.join();
-    b.join();
-    EXPECT_EQ(zt::Delta(before, zt::Snapshot()).AllocCount, 2u * kRounds);
-    EXPECT_NO_LEAKS(before);
-}
-
 // Sizes above 0xFFFFFFF7 wrap the request: a fake heap hands out guarded
 // blocks of exactly the requested size, so any write beyond them faults.
 zt::GuardedBuffer* g_block;
@@ -141,12 +114,10 @@ TEST(PltMalloc, WrappingSizesKeepHeaderAndCountersWithoutOverrun) {
         zt::ImportHook release("HeapFree", reinterpret_cast<void*>(&GuardedFree));
         void* p = nullptr;
         ASSERT_EQ(PltMalloc(&p, size, 1, kTag), 0u) << size;
-        EXPECT_GE(g_requested, 8u) << "the block still holds its header";
-        EXPECT_LT(g_requested, 16u);
+        EXPECT_TRUE(g_requested >= 8 && g_requested < 16) << "room for the header, no more";
         EXPECT_EQ(HeaderOf(p)[1], size);
         PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-        EXPECT_EQ(d.AllocBytes, size);
-        EXPECT_EQ(d.LiveAllocBySize[9], 1u);
+        EXPECT_TRUE(d.AllocBytes == size && d.LiveAllocBySize[9] == 1);
         EXPECT_EQ(PltFree(&p, kTag), 0u);
         EXPECT_NO_LEAKS(before);
     }

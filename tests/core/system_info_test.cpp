@@ -1,13 +1,9 @@
 // Page size, system error texts and the fixed-result exports.
 #include <string.h>
-#include <windows.h>
 
 #include <string>
 
-#include <gtest/gtest.h>
-#include <zendra/platform.h>
-
-#include "import_failure.h"
+#include "zt.h"
 
 namespace {
 

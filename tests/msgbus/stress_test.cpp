@@ -2,16 +2,14 @@
 // slot of one bus must end without deadlock and with the counters back.
 // ZENDRA_STRESS_ROUNDS sets the rounds per thread (kept short for CI).
 #include <stdlib.h>
-#include <windows.h>
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
 #include <zendra/msgbus.h>
 
-#include "counters.h"
+#include "zt.h"
 
 namespace {
 

@@ -1,14 +1,11 @@
 // Clocks and the date-time record.
 #include <string.h>
-#include <windows.h>
 
 #include <string>
 
-#include <gtest/gtest.h>
 #include <zendra/os.h>
 
-#include "import_hook.h"
-#include "wine.h"
+#include "zt.h"
 
 namespace {
 

@@ -1,17 +1,11 @@
 // Lookaside lists: which entry is handed out, chunk growth and compaction,
 // limits, caller-supplied chunks, counters and failures.
 #include <string.h>
-#include <windows.h>
 
 #include <random>
 #include <vector>
 
-#include <gtest/gtest.h>
-#include <zendra/platform.h>
-
-#include "counters.h"
-#include "heap_failure.h"
-#include "sync_helpers.h"
+#include "zt.h"
 
 namespace {
 

@@ -1,69 +1,55 @@
-#include "counters.h"
-
+// Resource-counter snapshots and their comparison, field by field.
 #include <sstream>
 #include <string>
-#include <vector>
+
+#include "zt.h"
 
 namespace zt {
 
 namespace {
 
-struct Field {
-    std::string name;
-    size_t offset;
-    bool wide;
-};
+const size_t kWords = sizeof(PLT_RESOURCE_STATS) / 4;
 
-#define ZT_FIELDS(X)                                                                           \
-    X(AllocCount) X(AllocBytes) X(LiveAllocCount) X(LiveAllocBytes) X(LookasideListCount)      \
-    X(LiveLookasideListCount) X(UntaggedAllocCount) X(TagMismatchCount) X(RwSpinLockCount)     \
-    X(LiveRwSpinLockCount) X(RwLockCount) X(LiveRwLockCount) X(FastLockCount)                  \
-    X(LiveFastLockCount) X(EventCount) X(LiveEventCount) X(MutexCount) X(LiveMutexCount)       \
-    X(CriticalSectionCount) X(LiveCriticalSectionCount) X(FileCount) X(LiveFileCount)          \
-    X(ThreadCount) X(LiveThreadCount) X(ProcessCount) X(LiveProcessCount)
-
-const std::vector<Field>& Fields() {
-    static const std::vector<Field> fields = [] {
-        std::vector<Field> v;
-#define ZT_ADD(f) v.push_back({#f, offsetof(PLT_RESOURCE_STATS, f), sizeof(PLT_RESOURCE_STATS::f) == 8});
-        ZT_FIELDS(ZT_ADD)
-#undef ZT_ADD
-        for (size_t i = 0; i < PLT_SIZE_BUCKETS; ++i) {
-            v.push_back({"AllocBySize[" + std::to_string(i) + "]",
-                         offsetof(PLT_RESOURCE_STATS, AllocBySize) + 4 * i, false});
-            v.push_back({"LiveAllocBySize[" + std::to_string(i) + "]",
-                         offsetof(PLT_RESOURCE_STATS, LiveAllocBySize) + 4 * i, false});
-        }
-        return v;
-    }();
-    return fields;
+// The field held by a 32-bit word of the record; "" for the reserved words and
+// the high halves of the two byte counts.
+std::string FieldAt(size_t word) {
+    static const char* const head[] = {"AllocCount", "", "AllocBytes", "", "LiveAllocCount", "",
+                                       "LiveAllocBytes", ""};
+    static const char* const tail[] = {
+        "LookasideListCount", "LiveLookasideListCount", "UntaggedAllocCount", "TagMismatchCount",
+        "RwSpinLockCount", "LiveRwSpinLockCount", "RwLockCount", "LiveRwLockCount",
+        "FastLockCount", "LiveFastLockCount", "EventCount", "LiveEventCount", "MutexCount",
+        "LiveMutexCount", "CriticalSectionCount", "LiveCriticalSectionCount", "FileCount",
+        "LiveFileCount", "ThreadCount", "LiveThreadCount", "ProcessCount", "LiveProcessCount"};
+    if (word < 8) return head[word];
+    if (word >= 28) return tail[word - 28];
+    return (word < 18 ? "AllocBySize[" : "LiveAllocBySize[") + std::to_string((word - 8) % 10) + "]";
 }
 
-uint64_t Read(const PLT_RESOURCE_STATS& s, const Field& f) {
-    const char* at = reinterpret_cast<const char*>(&s) + f.offset;
-    return f.wide ? *reinterpret_cast<const uint64_t*>(at) : *reinterpret_cast<const uint32_t*>(at);
+uint64_t Read(const PLT_RESOURCE_STATS& s, size_t word) {
+    auto* w = reinterpret_cast<const uint32_t*>(&s);
+    return word == 2 || word == 6 ? w[word] | uint64_t{w[word + 1]} << 32 : w[word];
 }
 
-bool Ignored(const std::string& name, unsigned ignore) {
-    return ((ignore & kIgnoreThreads) && name == "LiveThreadCount") ||
-           ((ignore & kIgnoreEvents) && name == "LiveEventCount") ||
-           ((ignore & kIgnoreAllocations) && name.rfind("LiveAlloc", 0) == 0);
-}
+enum Scope { kEvery, kLive, kGiven };
 
-// Compares the moves since `before` with `expected`, over every field or over
-// the live ones only.
+// Compares the moves since `before` with `expected`: over every field, the live
+// ones, or the ones `expected` gives (non-zero).
 ::testing::AssertionResult Compare(const PLT_RESOURCE_STATS& before,
-                                   const PLT_RESOURCE_STATS& expected, bool liveOnly,
+                                   const PLT_RESOURCE_STATS& expected, Scope scope,
                                    unsigned ignore) {
-    PLT_RESOURCE_STATS after = Snapshot();
+    PLT_RESOURCE_STATS d = Delta(before, Snapshot());
     std::ostringstream diff;
-    for (const Field& f : Fields()) {
-        if (liveOnly && (f.name.rfind("Live", 0) != 0 || Ignored(f.name, ignore))) continue;
-        uint64_t moved = Read(after, f) - Read(before, f), want = Read(expected, f);
-        if (!f.wide) moved = static_cast<uint32_t>(moved);
-        if (moved != want)
-            diff << "\n  " << f.name << " moved by " << static_cast<int64_t>(moved)
-                 << ", expected " << static_cast<int64_t>(want);
+    for (size_t w = 0; w < kWords; ++w) {
+        std::string name = FieldAt(w);
+        if (name.empty() || (scope == kLive && name.rfind("Live", 0) != 0) ||
+            (scope == kGiven && Read(expected, w) == 0) ||
+            ((ignore & kIgnoreThreads) && name == "LiveThreadCount") ||
+            ((ignore & kIgnoreAllocations) && name.rfind("LiveAlloc", 0) == 0))
+            continue;
+        if (Read(d, w) != Read(expected, w))
+            diff << "\n  " << name << " moved by " << static_cast<int64_t>(Read(d, w))
+                 << ", expected " << static_cast<int64_t>(Read(expected, w));
     }
     if (diff.str().empty()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "counters:" << diff.str();
@@ -78,25 +64,26 @@ PLT_RESOURCE_STATS Snapshot() {
 }
 
 PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_STATS& after) {
-    PLT_RESOURCE_STATS d{};
-    for (const Field& f : Fields()) {
-        char* at = reinterpret_cast<char*>(&d) + f.offset;
-        uint64_t moved = Read(after, f) - Read(before, f);
-        if (f.wide)
-            *reinterpret_cast<uint64_t*>(at) = moved;
-        else
-            *reinterpret_cast<uint32_t*>(at) = static_cast<uint32_t>(moved);
-    }
+    PLT_RESOURCE_STATS d;
+    auto* out = reinterpret_cast<uint32_t*>(&d);
+    for (size_t w = 0; w < kWords; ++w) out[w] = static_cast<uint32_t>(Read(after, w) - Read(before, w));
+    d.AllocBytes = after.AllocBytes - before.AllocBytes;
+    d.LiveAllocBytes = after.LiveAllocBytes - before.LiveAllocBytes;
     return d;
 }
 
 ::testing::AssertionResult DeltaIs(const PLT_RESOURCE_STATS& before,
                                    const PLT_RESOURCE_STATS& expected) {
-    return Compare(before, expected, false, kCheckAll);
+    return Compare(before, expected, kEvery, kCheckAll);
 }
 
 ::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before, unsigned ignore) {
-    return Compare(before, PLT_RESOURCE_STATS{}, true, ignore);
+    return Compare(before, PLT_RESOURCE_STATS{}, kLive, ignore);
+}
+
+::testing::AssertionResult MovedBy(const PLT_RESOURCE_STATS& before,
+                                   const PLT_RESOURCE_STATS& expected) {
+    return Compare(before, expected, kGiven, kCheckAll);
 }
 
 }  // namespace zt

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
 #include <zendra/text.h>
 
-#include "guarded_buffer.h"
+#include "zt.h"
 
 namespace {
 

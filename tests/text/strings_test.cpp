@@ -4,16 +4,12 @@
 #include <locale.h>
 #include <stdarg.h>
 #include <string.h>
-#include <windows.h>
 
 #include <string>
 
-#include <gtest/gtest.h>
 #include <zendra/text.h>
 
-#include "counters.h"
-#include "guarded_buffer.h"
-#include "heap_failure.h"
+#include "zt.h"
 
 namespace {
 

@@ -1,16 +1,11 @@
 // Counted threads (creation, waits, termination, closing) and the four-level
 // priority scale on threads and on the current process.
-#include <windows.h>
 
 #include <atomic>
 
-#include <gtest/gtest.h>
 #include <zendra/os.h>
 
-#include "counters.h"
-#include "heap_failure.h"
-#include "import_failure.h"
-#include "sync_helpers.h"
+#include "zt.h"
 
 namespace {
 

@@ -1,0 +1,122 @@
+// Import hooks, allocation failures, guarded buffers, threads and Wine.
+#include <string.h>
+
+#include "zt.h"
+
+namespace zt {
+
+DWORD g_importError;
+
+HMODULE LibraryModule() { return GetModuleHandleW(L"ZendraPlatform.dll"); }
+
+namespace {
+
+void** FindImportSlot(HMODULE module, const char* function) {
+    auto* base = reinterpret_cast<BYTE*>(module);
+    auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(
+        base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& dir =
+        nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    for (auto* desc = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress);
+         dir.VirtualAddress != 0 && desc->Name != 0; ++desc) {
+        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(
+            base + (desc->OriginalFirstThunk ? desc->OriginalFirstThunk : desc->FirstThunk));
+        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + desc->FirstThunk);
+        for (; names->u1.AddressOfData != 0; ++names, ++slots) {
+            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
+            auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
+            if (strcmp(reinterpret_cast<const char*>(byName->Name), function) == 0)
+                return reinterpret_cast<void**>(&slots->u1.Function);
+        }
+    }
+    return nullptr;
+}
+
+void WriteSlot(void** slot, void* value) {
+    DWORD old = 0;
+    VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &old);
+    __atomic_store_n(slot, value, __ATOMIC_SEQ_CST);
+    VirtualProtect(slot, sizeof(void*), old, &old);
+}
+
+volatile LONG g_calls, g_failAt, g_failed;
+
+LPVOID WINAPI FailingHeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
+    LONG call = InterlockedIncrement(&g_calls);
+    if (g_failAt != 0 && call != g_failAt) return HeapAlloc(heap, flags, bytes);
+    InterlockedExchange(&g_failed, 1);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+}
+
+const char* Arm(int nth) {
+    g_calls = g_failed = 0;
+    InterlockedExchange(&g_failAt, nth);
+    return "HeapAlloc";
+}
+
+DWORD WINAPI RunBody(void* body) {
+    (*static_cast<std::function<void()>*>(body))();
+    return 0;
+}
+
+}  // namespace
+
+ImportHook::ImportHook(const char* function, void* replacement) {
+    slot_ = LibraryModule() != nullptr ? FindImportSlot(LibraryModule(), function) : nullptr;
+    if (slot_ == nullptr) {
+        ADD_FAILURE() << "ZendraPlatform.dll does not import " << function;
+        return;
+    }
+    original_ = *slot_;
+    WriteSlot(slot_, replacement);
+}
+
+ImportHook::~ImportHook() {
+    if (slot_ != nullptr) WriteSlot(slot_, original_);
+}
+
+HeapFailure::HeapFailure(int nth) : hook_(Arm(nth), reinterpret_cast<void*>(&FailingHeapAlloc)) {}
+bool HeapFailure::failed() const { return g_failed != 0; }
+
+int SweepAllocationFailures(const std::function<bool(int)>& attempt, int limit) {
+    for (int n = 1; n <= limit; ++n)
+        if (attempt(n)) return n - 1;
+    ADD_FAILURE() << "operation still failing after " << limit << " injected failures";
+    return limit;
+}
+
+GuardedBuffer::GuardedBuffer(size_t size) {
+    const size_t page = 4096, usable = (size + page - 1) / page * page;
+    region_ = VirtualAlloc(nullptr, usable + page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    DWORD old = 0;
+    VirtualProtect(static_cast<char*>(region_) + usable, page, PAGE_NOACCESS, &old);
+    memset(region_, 0xCD, usable);
+    data_ = static_cast<char*>(region_) + usable - size;
+}
+
+TestThread::TestThread(std::function<void()> body) : body_(std::move(body)) {
+    h_ = CreateThread(nullptr, 0, &RunBody, &body_, 0, nullptr);
+}
+
+TestThread::~TestThread() {
+    join();
+    CloseHandle(h_);
+}
+
+bool TestThread::join(DWORD ms) { return WaitForSingleObject(h_, ms) == WAIT_OBJECT_0; }
+
+bool WaitUntil(const std::function<bool()>& condition, DWORD ms) {
+    for (ULONGLONG deadline = GetTickCount64() + ms; !condition(); Sleep(1))
+        if (GetTickCount64() > deadline) return false;
+    return true;
+}
+
+const char* WineVersion() {
+    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    auto fn = reinterpret_cast<const char* (*)()>(
+        reinterpret_cast<void*>(GetProcAddress(ntdll, "wine_get_version")));
+    return fn != nullptr ? fn() : nullptr;
+}
+
+}  // namespace zt

@@ -1,0 +1,142 @@
+// Test support: resource-counter checks, import hooks for fault injection and
+// simulated answers, guarded buffers, thread helpers and Wine detection.
+#pragma once
+
+#include <windows.h>
+
+#include <functional>
+
+#include <gtest/gtest.h>
+#include <zendra/platform.h>
+
+namespace zt {
+
+// ---- resource counters ----
+PLT_RESOURCE_STATS Snapshot();
+// after - before, field by field (wrapping in 32/64 bits like the counters).
+PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_STATS& after);
+// Live counters a check may leave aside, where the behaviour under test keeps
+// such objects on purpose.
+enum LiveMask : unsigned { kCheckAll = 0, kIgnoreThreads = 1, kIgnoreAllocations = 2 };
+// The counters moved by exactly `expected` since `before`: every field, so the
+// ones left out of `expected` must not have moved.
+::testing::AssertionResult DeltaIs(const PLT_RESOURCE_STATS& before,
+                                   const PLT_RESOURCE_STATS& expected);
+// The counters `expected` gives (non-zero) moved by exactly that much.
+::testing::AssertionResult MovedBy(const PLT_RESOURCE_STATS& before,
+                                   const PLT_RESOURCE_STATS& expected);
+// Every live counter and live byte count is back where it was in `before`.
+::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before, unsigned ignore = kCheckAll);
+
+// ---- import hooks ----
+// Replaces one import of ZendraPlatform.dll (by name, from any DLL) with a
+// test function for the hook's lifetime. Fails the test when the library does
+// not import it.
+class ImportHook {
+public:
+    ImportHook(const char* function, void* replacement);
+    ~ImportHook();
+    ImportHook(const ImportHook&) = delete;
+    ImportHook& operator=(const ImportHook&) = delete;
+
+private:
+    void** slot_ = nullptr;
+    void* original_ = nullptr;
+};
+HMODULE LibraryModule();
+
+// Makes an import fail: the replacement sets the chosen last error and
+// returns zero (null handle, FALSE, 0).   ZT_FAIL_IMPORT(CreateEventW, 8);
+extern DWORD g_importError;
+template <typename R, typename... A>
+R FailWithImportError(A...) {
+    SetLastError(g_importError);
+    return R();
+}
+template <typename R, typename... A>
+void* FailingVersionOf(R (*)(A...)) {
+    return reinterpret_cast<void*>(&FailWithImportError<R, A...>);
+}
+
+// The library's Nth HeapAlloc call from now on fails (nth 0: every call).
+class HeapFailure {
+public:
+    explicit HeapFailure(int nth);
+    bool failed() const;  // whether the chosen call was reached
+
+private:
+    ImportHook hook_;
+};
+// Runs `attempt` with the Nth allocation failing for N = 1, 2, ... until an
+// attempt returns true (it succeeded without reaching the failing call).
+// Returns the number of failing runs.
+int SweepAllocationFailures(const std::function<bool(int nth)>& attempt, int limit = 64);
+
+// ---- buffers and threads ----
+// A buffer that ends exactly at a no-access page: a one-byte overrun faults.
+class GuardedBuffer {
+public:
+    explicit GuardedBuffer(size_t size);
+    ~GuardedBuffer() { VirtualFree(region_, 0, MEM_RELEASE); }
+    GuardedBuffer(const GuardedBuffer&) = delete;
+    GuardedBuffer& operator=(const GuardedBuffer&) = delete;
+    void* data() const { return data_; }
+    template <typename T>
+    T* as() const {
+        return static_cast<T*>(data_);
+    }
+
+private:
+    void* region_ = nullptr;
+    void* data_ = nullptr;
+};
+
+// A manual-reset Win32 event owned by the test (not counted by the library).
+class Signal {
+public:
+    Signal() : h_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~Signal() { CloseHandle(h_); }
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+    void set() { SetEvent(h_); }
+    bool wait(DWORD ms = 10000) const { return WaitForSingleObject(h_, ms) == WAIT_OBJECT_0; }
+    bool isSet() const { return wait(0); }
+
+private:
+    HANDLE h_;
+};
+
+// A Win32 thread running a function, joined with a time-out on destruction.
+class TestThread {
+public:
+    explicit TestThread(std::function<void()> body);
+    ~TestThread();
+    TestThread(const TestThread&) = delete;
+    TestThread& operator=(const TestThread&) = delete;
+    bool join(DWORD ms = 30000);  // true when the thread ended in time
+
+private:
+    std::function<void()> body_;
+    HANDLE h_;
+};
+
+// Polls until `condition` holds or `ms` pass, for states no event shows.
+bool WaitUntil(const std::function<bool()>& condition, DWORD ms = 10000);
+
+// Wine's version, null on Windows: tests mark known Wine deviations with it.
+const char* WineVersion();
+
+}  // namespace zt
+
+#define EXPECT_NO_LEAKS(before, ...) EXPECT_TRUE(::zt::NoLeaks(before, ##__VA_ARGS__))
+#define EXPECT_DELTA(before, ...) EXPECT_TRUE(::zt::DeltaIs(before, PLT_RESOURCE_STATS __VA_ARGS__))
+#define EXPECT_MOVED(before, ...) EXPECT_TRUE(::zt::MovedBy(before, PLT_RESOURCE_STATS __VA_ARGS__))
+#define ZT_CONCAT2(a, b) a##b
+#define ZT_CONCAT(a, b) ZT_CONCAT2(a, b)
+#define ZT_FAIL_IMPORT(function, error)                                                       \
+    ::zt::ImportHook ZT_CONCAT(zt_failure_, __LINE__)((::zt::g_importError = (error), #function), \
+                                                      ::zt::FailingVersionOf(&::function))
+#define ZT_SKIP_ON_WINE(reason)                                                               \
+    do {                                                                                      \
+        if (::zt::WineVersion()) GTEST_SKIP() << "known Wine deviation: " << reason;          \
+    } while (0)
