@@ -58,7 +58,9 @@ struct Bus {
         EXPECT_EQ(MBCreateMsgBus(&bus, types, actions, subscribers), 0u);
     }
     ~Bus() { EXPECT_EQ(MBDeleteMsgBus(bus), 0u); }
-    PLT_STATUS sub(Probe& p, uint32_t t, uint32_t a) { return MBSubscribe(bus, &OnMessage, t, a, &p); }
+    PLT_STATUS sub(Probe& p, uint32_t t, uint32_t a) {
+        return MBSubscribe(bus, &OnMessage, t, a, &p);
+    }
     PLT_STATUS unsub(Probe& p, uint32_t t, uint32_t a) {
         return MBUnsubscribe(bus, &OnMessage, t, a, &p);
     }
@@ -67,7 +69,8 @@ struct Bus {
         MB_SLOT& s = bus->types[t].slots[a];
         std::string out;
         for (uint32_t i = 0; i < s.count; ++i)
-            out += (i ? " " : "") + std::string(1, static_cast<Probe*>(s.subscribers[i].context)->name) +
+            out += (i ? " " : "") +
+                   std::string(1, static_cast<Probe*>(s.subscribers[i].context)->name) +
                    std::to_string(s.subscribers[i].refs);
         return out;
     }
@@ -86,8 +89,8 @@ TEST(BusCreate, TheGridItsBlocksAndAPoolAndTheTagZeroFreesOfDeletion) {
     EXPECT_TRUE(Header(slots[1].subscribers)[0] == kQZMB &&
                 Header(slots[1].subscribers)[1] == (5u + 3) * 24);
     EXPECT_EQ(bus->messages.entrySize * bus->messages.perChunk, 6400u);
-    EXPECT_MOVED(before, {.LookasideListCount = 2, .RwSpinLockCount = 6, .EventCount = 1,
-                          .ThreadCount = 2});
+    EXPECT_MOVED(
+        before, {.LookasideListCount = 2, .RwSpinLockCount = 6, .EventCount = 1, .ThreadCount = 2});
     PLT_RESOURCE_STATS created = zt::Snapshot();
     EXPECT_EQ(MBDeleteMsgBus(bus), 0u);
     EXPECT_MOVED(created, {.TagMismatchCount = 1 + 3 * 2}) << "record and subscriber arrays";
@@ -103,11 +106,11 @@ TEST(BusCreate, EveryAllocationFailureIsSurvivedAndDeletionFreesWhatWasMade) {
     const struct {
         int nth;
         PLT_STATUS status;
-        const char* subscribed;  // subscribing in each slot, then sending asynchronously
-    } cases[] = {{1, 8, ""},                      // no bus at all
-                 {4, 0, "0 1295 0 0 0"},           // type 0's second subscriber array
+        const char* subscribed;           // subscribing in each slot, then sending asynchronously
+    } cases[] = {{1, 8, ""},              // no bus at all
+                 {4, 0, "0 1295 0 0 0"},  // type 0's second subscriber array
                  {8, 8, "1295 1295 1295 1295 1295"},  // message block: nothing addressable
-                 {9, 87, "0 0 0 0 87"}};           // pool: synchronous delivery only
+                 {9, 87, "0 0 0 0 87"}};              // pool: synchronous delivery only
     for (const auto& c : cases) {
         PLT_RESOURCE_STATS before = zt::Snapshot();
         MB_MSG_BUS* bus = reinterpret_cast<MB_MSG_BUS*>(1);
@@ -118,7 +121,8 @@ TEST(BusCreate, EveryAllocationFailureIsSurvivedAndDeletionFreesWhatWasMade) {
         std::string s;
         for (uint32_t slot = 0; bus != nullptr && slot < 4; ++slot)
             s += std::to_string(MBSubscribe(bus, &OnMessage, slot / 2, slot % 2, &p)) + " ";
-        if (bus != nullptr) s += std::to_string(MBSendMsgAsync(bus, 1, 1, nullptr, 0, nullptr, nullptr));
+        if (bus != nullptr)
+            s += std::to_string(MBSendMsgAsync(bus, 1, 1, nullptr, 0, nullptr, nullptr));
         EXPECT_EQ(s, c.subscribed) << c.nth;
         if (bus != nullptr) EXPECT_EQ(MBDeleteMsgBus(bus), 0u);
         EXPECT_NO_LEAKS(before, zt::kIgnoreThreads) << c.nth;
@@ -175,8 +179,10 @@ TEST(Subscribe, FullSlotsTheWildcardActionAndTheCodesInTheirOrder) {
     EXPECT_EQ(b.entries(0, 0), "a0");
     for (auto [bus, fn, type, action, expected] :
          {std::tuple{(MB_MSG_BUS*)nullptr, &OnMessage, 0u, 0u, 87u},
-          {b.bus, &OnMessage, 2u, 0u, 1295u}, {b.bus, nullptr, 2u, 0u, 1295u},
-          {b.bus, nullptr, 1u, 0u, 87u}, {b.bus, &OnMessage, 1u, 3u, 1295u}}) {
+          {b.bus, &OnMessage, 2u, 0u, 1295u},
+          {b.bus, nullptr, 2u, 0u, 1295u},
+          {b.bus, nullptr, 1u, 0u, 87u},
+          {b.bus, &OnMessage, 1u, 3u, 1295u}}) {
         EXPECT_EQ(MBSubscribe(bus, fn, type, action, &a), expected) << type << action;
         EXPECT_EQ(MBUnsubscribe(bus, fn, type, action, &a), expected) << type << action;
     }
@@ -228,11 +234,18 @@ TEST(SendMsg, EachLiveEntryOnceInEntryOrderAndCallbacksMayUnsubscribe) {
     EXPECT_EQ(MBSendMsg(b.bus, 1, 0, nullptr, 0), 0u);
     EXPECT_EQ(later.calls, 0) << "unsubscribed before its turn in the same walk";
     using Send = PLT_STATUS (*)(MB_MSG_BUS*, uint32_t, uint32_t);
-    for (Send send : {Send([](MB_MSG_BUS* s, uint32_t t, uint32_t a) { return MBSendMsg(s, t, a, nullptr, 0); }),
-                      Send([](MB_MSG_BUS* s, uint32_t t, uint32_t a) { return MBSendMsgAsync(s, t, a, nullptr, 0, nullptr, nullptr); }),
-                      Send([](MB_MSG_BUS* s, uint32_t t, uint32_t a) { return MBBroadcastMsg(s, t, a, nullptr, 0, nullptr, nullptr); })})
-        EXPECT_EQ(send(nullptr, 0, 0) * 10000 + send(b.bus, 4, 0) + send(b.bus, 0, 4) + send(b.bus, 0, MB_ALL_ACTIONS),
-                  60000 + 3 * 1295u) << "null bus 6; no wildcard for sending";
+    for (Send send :
+         {Send([](MB_MSG_BUS*s, uint32_t t, uint32_t a) { return MBSendMsg(s, t, a, nullptr, 0); }),
+          Send([](MB_MSG_BUS*s, uint32_t t, uint32_t a) {
+              return MBSendMsgAsync(s, t, a, nullptr, 0, nullptr, nullptr);
+          }),
+          Send([](MB_MSG_BUS*s, uint32_t t, uint32_t a) {
+              return MBBroadcastMsg(s, t, a, nullptr, 0, nullptr, nullptr);
+          })})
+        EXPECT_EQ(send(nullptr, 0, 0) * 10000 + send(b.bus, 4, 0) + send(b.bus, 0, 4) +
+                      send(b.bus, 0, MB_ALL_ACTIONS),
+                  60000 + 3 * 1295u)
+            << "null bus 6; no wildcard for sending";
 }
 
 TEST(SendMsgAsync, CompletionGetsTheSynchronousResultOnAPoolThread) {
@@ -247,7 +260,8 @@ TEST(SendMsgAsync, CompletionGetsTheSynchronousResultOnAPoolThread) {
     EXPECT_EQ(MBSendMsgAsync(b.bus, 1, 1, nullptr, 0, &OnComplete, &full), 0u);
     ASSERT_TRUE(full.done.wait());
     EXPECT_EQ(full.status, 5u);
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(MBSendMsgAsync(b.bus, 1, 1, nullptr, 0, nullptr, nullptr), 0u);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(MBSendMsgAsync(b.bus, 1, 1, nullptr, 0, nullptr, nullptr), 0u);
     EXPECT_TRUE(zt::WaitUntil([&] { return one.calls == 21 && b.bus->messages.inUse == 0; }))
         << "subscribers run without a completion; records are given back";
 }
@@ -270,7 +284,8 @@ TEST(SendMsgAsync, NoRecordGives8AndDeletionDrainsThenRefuses) {
     ASSERT_EQ(MBCreateMsgBus(&bus, 1, 1, 2), 0u);
     MBSubscribe(bus, &Gate::Callback, 0, 0, &gate);
     // A hundred records in use fill the first block; the next needs a new one.
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(MBSendMsgAsync(bus, 0, 0, nullptr, 0, nullptr, nullptr), 0u);
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(MBSendMsgAsync(bus, 0, 0, nullptr, 0, nullptr, nullptr), 0u);
     {
         zt::HeapFailure fail(0);
         EXPECT_EQ(MBSendMsgAsync(bus, 0, 0, nullptr, 0, nullptr, nullptr) +
@@ -296,10 +311,12 @@ TEST(Broadcast, OneRunPerLiveEntryAndOneCompletionWhenIndexZeroIsServed) {
     Probe p[4] = {{'a', 1}, {'b', 2}, {'c', 4}, {'d', 0}};
     for (Probe& probe : p) b.sub(probe, 1, 1);
     std::vector<Completion> done(100);
-    for (Completion& c : done) ASSERT_EQ(MBBroadcastMsg(b.bus, 1, 1, nullptr, 0, &OnComplete, &c), 0u);
+    for (Completion& c : done)
+        ASSERT_EQ(MBBroadcastMsg(b.bus, 1, 1, nullptr, 0, &OnComplete, &c), 0u);
     for (Completion& c : done) ASSERT_TRUE(c.done.wait());
     EXPECT_TRUE(zt::WaitUntil([&] { return b.bus->messages.inUse == 0; })) << "records given back";
-    for (Completion& c : done) EXPECT_TRUE(c.calls == 1 && (c.status & ~6u) == 1 && c.thread != GetCurrentThreadId());
+    for (Completion& c : done)
+        EXPECT_TRUE(c.calls == 1 && (c.status & ~6u) == 1 && c.thread != GetCurrentThreadId());
     for (Probe& probe : p) EXPECT_TRUE(probe.calls == 100 && probe.thread != GetCurrentThreadId());
     // An empty slot, or one holding a dead entry: no completion, record kept.
     Completion none, dead;

@@ -78,7 +78,8 @@ TEST(PltCreateProcess, RealChildrenWaitFailuresAndClose) {
     const wchar_t* exit7[] = {L"/c", L"exit", L"7", nullptr};
     PLT_PROCESS* process = nullptr;
     uint32_t exitCode = 0;
-    ASSERT_EQ(PltCreateProcess(L"C:\\windows\\system32\\cmd.exe", exit7, 1, &exitCode, &process), 0u);
+    ASSERT_EQ(PltCreateProcess(L"C:\\windows\\system32\\cmd.exe", exit7, 1, &exitCode, &process),
+              0u);
     EXPECT_EQ(exitCode, 7u);
     EXPECT_EQ(GetProcessId(process->process), process->processId);
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveProcessCount, 1u);
@@ -118,14 +119,16 @@ TEST(PltCreateProcess, RealChildrenWaitFailuresAndClose) {
 PLT_STATUS Collect(const PLT_PROCESS_ENTRY* entry, void* context) {
     size_t length = wcslen(entry->name);
     for (size_t i = length; i < PLT_PROCESS_NAME_CHARS; ++i) EXPECT_EQ(entry->name[i], 0);
-    if (entry->processId == GetCurrentProcessId()) *static_cast<std::wstring*>(context) = entry->name;
+    if (entry->processId == GetCurrentProcessId())
+        *static_cast<std::wstring*>(context) = entry->name;
     return 1;  // ignored
 }
 
 // The name under which the list reports this process for a filter, or "".
 std::wstring ListsSelf(const std::wstring& filter, uint32_t count) {
     std::wstring self;
-    EXPECT_EQ(PltGetProcessList(filter.empty() ? nullptr : filter.c_str(), count, Collect, &self), 0u);
+    EXPECT_EQ(PltGetProcessList(filter.empty() ? nullptr : filter.c_str(), count, Collect, &self),
+              0u);
     return self;
 }
 
@@ -233,7 +236,8 @@ TEST(PltGetEnvironmentVariable, SizeQueryBufferAndMissingVariables) {
               2 * 203u);
     EXPECT_EQ(PltGetEnvironmentVariable(nullptr, nullptr, &size), 87u);
     SetLastError(ERROR_ACCESS_DENIED);
-    EXPECT_EQ(PltGetEnvironmentVariable(L"ZT_ENV_EMPTY", value, &size), 0u) << "empty is no failure";
+    EXPECT_EQ(PltGetEnvironmentVariable(L"ZT_ENV_EMPTY", value, &size), 0u)
+        << "empty is no failure";
     EXPECT_STREQ(value, L"");
 }
 

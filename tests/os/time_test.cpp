@@ -13,8 +13,9 @@ const uint64_t kUnixEpoch = 116444736000000000ull;
 
 std::string Text(const PLT_DATE_TIME& t) {
     char s[64];
-    snprintf(s, sizeof s, "%u-%02u-%02u %02u:%02u:%02u.%03u d%u b%d", t.year, t.month, t.day, t.hour,
-             t.minute, t.second, t.milliseconds, t.dayOfWeek, static_cast<int32_t>(t.timeZoneBias));
+    snprintf(s, sizeof s, "%u-%02u-%02u %02u:%02u:%02u.%03u d%u b%d", t.year, t.month, t.day,
+             t.hour, t.minute, t.second, t.milliseconds, t.dayOfWeek,
+             static_cast<int32_t>(t.timeZoneBias));
     return s;
 }
 
@@ -29,7 +30,8 @@ TEST(DateTime, ConversionsBothWaysAsUtc) {
     EXPECT_EQ(Text(t), "1601-01-01 00:00:00.000 d1 b0") << "a Monday, no bias";
     ASSERT_EQ(PltTimeToDateTime(kUnixEpoch + 1709251199999ull * 10000, &t), 0u);
     EXPECT_EQ(Text(t), "2024-02-29 23:59:59.999 d4 b0");
-    EXPECT_EQ(PltTimeToDateTime(0x8000000000000000ull, &t) + PltTimeToDateTime(0, nullptr), 2 * 87u);
+    EXPECT_EQ(PltTimeToDateTime(0x8000000000000000ull, &t) + PltTimeToDateTime(0, nullptr),
+              2 * 87u);
     // The day of the week and the bias given are ignored; fields are cut to
     // 16 bits.
     const struct {
@@ -75,7 +77,8 @@ TEST(Clocks, NowAndTheZoneInEverySeason) {
     uint64_t tick = GetTickCount64();
     FILETIME ft;
     GetSystemTimeAsFileTime(&ft);
-    uint64_t before = uint64_t{ft.dwHighDateTime} << 32 | ft.dwLowDateTime, now = PltGetSystemTime();
+    uint64_t before = uint64_t{ft.dwHighDateTime} << 32 | ft.dwLowDateTime,
+             now = PltGetSystemTime();
     EXPECT_TRUE(PltGetTickCount() >= tick && now >= before && now - before < 50000000u);
     PLT_DATE_TIME utc, local;
     uint64_t utcTime = 0;

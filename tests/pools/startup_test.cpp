@@ -11,7 +11,9 @@ TEST(Startup, NestedCallsBuildOnceAndTheLastCleanupFreesThePool) {
     // Pool record 272, argument array 128, item chunk for 800 items, and the
     // four workers' start blocks.
     EXPECT_MOVED(before, {.AllocBytes = 272 + 128 + (1048 + 40 * 800) + 4 * 24,
-                          .LookasideListCount = 1, .EventCount = 1, .CriticalSectionCount = 2,
+                          .LookasideListCount = 1,
+                          .EventCount = 1,
+                          .CriticalSectionCount = 2,
                           .ThreadCount = 4});
     PLT_RESOURCE_STATS built = zt::Snapshot();
     EXPECT_EQ(PltInit() + PltCleanup(), 0u);
@@ -40,7 +42,8 @@ TEST(Startup, FailuresLeaveNoDefaultPoolAndTheCountIsNotTakenBack) {
         EXPECT_EQ(nested, 0u) << "allocation " << nth << ": nested calls build nothing";
         EXPECT_EQ(cleanup, 87u) << "allocation " << nth << ": no default pool";
         PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-        EXPECT_LE(d.LiveAllocCount, d.ThreadCount - d.LiveThreadCount) << "terminated workers' start blocks";
+        EXPECT_LE(d.LiveAllocCount, d.ThreadCount - d.LiveThreadCount)
+            << "terminated workers' start blocks";
         EXPECT_EQ(d.LiveEventCount + d.LiveCriticalSectionCount, 0u);
         return false;
     });

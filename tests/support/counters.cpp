@@ -13,17 +13,34 @@ const size_t kWords = sizeof(PLT_RESOURCE_STATS) / 4;
 // The field held by a 32-bit word of the record; "" for the reserved words and
 // the high halves of the two byte counts.
 std::string FieldAt(size_t word) {
-    static const char* const head[] = {"AllocCount", "", "AllocBytes", "", "LiveAllocCount", "",
-                                       "LiveAllocBytes", ""};
-    static const char* const tail[] = {
-        "LookasideListCount", "LiveLookasideListCount", "UntaggedAllocCount", "TagMismatchCount",
-        "RwSpinLockCount", "LiveRwSpinLockCount", "RwLockCount", "LiveRwLockCount",
-        "FastLockCount", "LiveFastLockCount", "EventCount", "LiveEventCount", "MutexCount",
-        "LiveMutexCount", "CriticalSectionCount", "LiveCriticalSectionCount", "FileCount",
-        "LiveFileCount", "ThreadCount", "LiveThreadCount", "ProcessCount", "LiveProcessCount"};
+    static const char* const head[] = {"AllocCount",     "", "AllocBytes",     "",
+                                       "LiveAllocCount", "", "LiveAllocBytes", ""};
+    static const char* const tail[] = {"LookasideListCount",
+                                       "LiveLookasideListCount",
+                                       "UntaggedAllocCount",
+                                       "TagMismatchCount",
+                                       "RwSpinLockCount",
+                                       "LiveRwSpinLockCount",
+                                       "RwLockCount",
+                                       "LiveRwLockCount",
+                                       "FastLockCount",
+                                       "LiveFastLockCount",
+                                       "EventCount",
+                                       "LiveEventCount",
+                                       "MutexCount",
+                                       "LiveMutexCount",
+                                       "CriticalSectionCount",
+                                       "LiveCriticalSectionCount",
+                                       "FileCount",
+                                       "LiveFileCount",
+                                       "ThreadCount",
+                                       "LiveThreadCount",
+                                       "ProcessCount",
+                                       "LiveProcessCount"};
     if (word < 8) return head[word];
     if (word >= 28) return tail[word - 28];
-    return (word < 18 ? "AllocBySize[" : "LiveAllocBySize[") + std::to_string((word - 8) % 10) + "]";
+    return (word < 18 ? "AllocBySize[" : "LiveAllocBySize[") + std::to_string((word - 8) % 10) +
+           "]";
 }
 
 uint64_t Read(const PLT_RESOURCE_STATS& s, size_t word) {
@@ -66,7 +83,8 @@ PLT_RESOURCE_STATS Snapshot() {
 PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_STATS& after) {
     PLT_RESOURCE_STATS d;
     auto* out = reinterpret_cast<uint32_t*>(&d);
-    for (size_t w = 0; w < kWords; ++w) out[w] = static_cast<uint32_t>(Read(after, w) - Read(before, w));
+    for (size_t w = 0; w < kWords; ++w)
+        out[w] = static_cast<uint32_t>(Read(after, w) - Read(before, w));
     d.AllocBytes = after.AllocBytes - before.AllocBytes;
     d.LiveAllocBytes = after.LiveAllocBytes - before.LiveAllocBytes;
     return d;

@@ -112,6 +112,12 @@ bool WaitUntil(const std::function<bool()>& condition, DWORD ms) {
     return true;
 }
 
+std::string Joined(std::initializer_list<int64_t> values) {
+    std::string out;
+    for (int64_t v : values) out += (out.empty() ? "" : " ") + std::to_string(v);
+    return out;
+}
+
 const char* WineVersion() {
     HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
     auto fn = reinterpret_cast<const char* (*)()>(

@@ -5,11 +5,16 @@
 #include <windows.h>
 
 #include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 #include <zendra/platform.h>
 
 namespace zt {
+
+// Results of several calls in the order written (a braced list is evaluated
+// left to right), space-separated: EXPECT_CALLS("0 87", f(), g()).
+std::string Joined(std::initializer_list<int64_t> values);
 
 // ---- resource counters ----
 PLT_RESOURCE_STATS Snapshot();
@@ -130,13 +135,14 @@ const char* WineVersion();
 
 #define EXPECT_NO_LEAKS(before, ...) EXPECT_TRUE(::zt::NoLeaks(before, ##__VA_ARGS__))
 #define EXPECT_DELTA(before, ...) EXPECT_TRUE(::zt::DeltaIs(before, PLT_RESOURCE_STATS __VA_ARGS__))
+#define EXPECT_CALLS(expected, ...) EXPECT_EQ(::zt::Joined({__VA_ARGS__}), expected)
 #define EXPECT_MOVED(before, ...) EXPECT_TRUE(::zt::MovedBy(before, PLT_RESOURCE_STATS __VA_ARGS__))
 #define ZT_CONCAT2(a, b) a##b
 #define ZT_CONCAT(a, b) ZT_CONCAT2(a, b)
-#define ZT_FAIL_IMPORT(function, error)                                                       \
+#define ZT_FAIL_IMPORT(function, error)                                                           \
     ::zt::ImportHook ZT_CONCAT(zt_failure_, __LINE__)((::zt::g_importError = (error), #function), \
                                                       ::zt::FailingVersionOf(&::function))
-#define ZT_SKIP_ON_WINE(reason)                                                               \
-    do {                                                                                      \
-        if (::zt::WineVersion()) GTEST_SKIP() << "known Wine deviation: " << reason;          \
+#define ZT_SKIP_ON_WINE(reason)                                                      \
+    do {                                                                             \
+        if (::zt::WineVersion()) GTEST_SKIP() << "known Wine deviation: " << reason; \
     } while (0)

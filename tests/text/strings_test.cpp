@@ -57,7 +57,7 @@ TEST(StrTrim, StripsOnlySpaces) {
     const struct {
         const wchar_t *in, *out;
         uint32_t length;  // 99: left as it was
-    } cases[] = {{L"  abc  ", L"abc", 3}, {L"abc", L"abc", 3},      {L"Right ", L"Right", 5},
+    } cases[] = {{L"  abc  ", L"abc", 3}, {L"abc", L"abc", 3},       {L"Right ", L"Right", 5},
                  {L"\tabc", L"\tabc", 4}, {L" a\r\n ", L"a\r\n", 3}, {L"    ", L"", 99},
                  {L"", L"", 99}};
     for (const auto& c : cases) {
@@ -85,7 +85,8 @@ TEST(HexText, FourCharactersPerByteOneByteEachWayAndTheBounds) {
                   StrHexToString(bytes, 0x20000000u, text.as<wchar_t>(), 16) +
                   StrHexToString(nullptr, 1, text.as<wchar_t>(), 16) +
                   StrHexToString(bytes, 1, nullptr, 16),
-              5 * 87u) << "too small, no room for the terminator, a wrapping count, nulls";
+              5 * 87u)
+        << "too small, no room for the terminator, a wrapping count, nulls";
     zt::GuardedBuffer out(4);
     auto* b = out.as<uint8_t>();
     // The first two characters of a group are not looked at; everything below
@@ -106,7 +107,8 @@ TEST(HexText, FourCharactersPerByteOneByteEachWayAndTheBounds) {
                   StrStringToHex(L"\\x01\\x02\\x03\\x04", 16, b, 1) +
                   StrStringToHex(L"\\x01\\x02\\x03\\x04", 16, b + 1, 3) +
                   StrStringToHex(L"\\x01\\x02\\x03\\x04\\x", 17, b, 4),
-              5 * 87u) << "nulls, 16 / 8 > 1, and groups that would not fit";
+              5 * 87u)
+        << "nulls, 16 / 8 > 1, and groups that would not fit";
     // "\xAB\" ends at a no-access page: the partial group's digits would lie
     // past the terminator.
     zt::GuardedBuffer guarded(6 * sizeof(wchar_t));

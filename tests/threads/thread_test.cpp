@@ -37,8 +37,12 @@ TEST(Threads, CreateWaitTerminateAndCloseWithTheirCounters) {
     HANDLE thread = nullptr, other = nullptr;
     uint32_t id = 0, result = 0;
     ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, &thread, &id), 0u);
-    PLT_RESOURCE_STATS expected{.AllocCount = 1, .AllocBytes = 24, .LiveAllocCount = 1,
-                                .LiveAllocBytes = 24, .UntaggedAllocCount = 1, .ThreadCount = 1,
+    PLT_RESOURCE_STATS expected{.AllocCount = 1,
+                                .AllocBytes = 24,
+                                .LiveAllocCount = 1,
+                                .LiveAllocBytes = 24,
+                                .UntaggedAllocCount = 1,
+                                .ThreadCount = 1,
                                 .LiveThreadCount = 1};
     expected.AllocBySize[0] = expected.LiveAllocBySize[0] = 1;
     EXPECT_TRUE(zt::DeltaIs(before, expected)) << "the start block lives while the routine runs";
@@ -61,8 +65,8 @@ TEST(Threads, CreateWaitTerminateAndCloseWithTheirCounters) {
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveAllocBytes, 24u);
     for (auto status : {PltWaitForThread(nullptr, 0, &result), PltTerminateThread(nullptr)})
         EXPECT_EQ(status, 87u);
-    for (auto status : {PltWaitForThread(kBogus, 0, &result), PltTerminateThread(kBogus),
-                        PltCloseThread(kBogus)})
+    for (auto status :
+         {PltWaitForThread(kBogus, 0, &result), PltTerminateThread(kBogus), PltCloseThread(kBogus)})
         EXPECT_EQ(status, static_cast<uint32_t>(ERROR_INVALID_HANDLE));
     EXPECT_EQ(result, PLT_WAIT_SIGNALED) << "a failed wait leaves the result";
 }
@@ -97,7 +101,8 @@ TEST(Threads, CreationFailuresAndOptionalOutputs) {
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveAllocCount + PltFree(&g_parameter, 0), 1u);
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).ThreadCount, 0u);
     ASSERT_EQ(PltCreateThread(&WaitsForGo, &c, nullptr, nullptr), 0u);
-    ASSERT_TRUE(zt::WaitUntil([&] { return zt::Delta(before, zt::Snapshot()).LiveAllocCount == 0; }));
+    ASSERT_TRUE(
+        zt::WaitUntil([&] { return zt::Delta(before, zt::Snapshot()).LiveAllocCount == 0; }));
     EXPECT_EQ(zt::Delta(before, zt::Snapshot()).LiveThreadCount, 1u) << "nobody can close it";
 }
 
@@ -118,7 +123,8 @@ int WINAPI FailGetThreadPriority(HANDLE) {
 
 TEST(Priority, ThreadLevelsSetReadBackLossilyAndFail) {
     // Set level -> Win32 priority; read Win32 priority -> level.
-    const int set[][2] = {{PRIO_IDLE, -15}, {PRIO_LOW, -1}, {PRIO_NORMAL, 0}, {PRIO_HIGH, 2}, {7, 0}};
+    const int set[][2] = {
+        {PRIO_IDLE, -15}, {PRIO_LOW, -1}, {PRIO_NORMAL, 0}, {PRIO_HIGH, 2}, {7, 0}};
     const int read[][2] = {{-15, PRIO_IDLE}, {-2, PRIO_LOW}, {-1, PRIO_LOW}, {0, PRIO_NORMAL},
                            {1, PRIO_HIGH},   {2, PRIO_HIGH}, {15, PRIO_HIGH}};
     zt::TestThread([&] {
@@ -145,8 +151,10 @@ TEST(Priority, ThreadLevelsSetReadBackLossilyAndFail) {
 }
 
 TEST(Priority, ProcessClassesSetReadBackAndFail) {
-    const DWORD set[][2] = {{PRIO_IDLE, IDLE_PRIORITY_CLASS}, {PRIO_LOW, BELOW_NORMAL_PRIORITY_CLASS},
-                            {PRIO_HIGH, HIGH_PRIORITY_CLASS}, {PRIO_NORMAL, NORMAL_PRIORITY_CLASS}};
+    const DWORD set[][2] = {{PRIO_IDLE, IDLE_PRIORITY_CLASS},
+                            {PRIO_LOW, BELOW_NORMAL_PRIORITY_CLASS},
+                            {PRIO_HIGH, HIGH_PRIORITY_CLASS},
+                            {PRIO_NORMAL, NORMAL_PRIORITY_CLASS}};
     for (auto [level, win32] : set) {
         uint32_t got = 99;
         EXPECT_EQ(PltSetCurrentProcessPriority(level), 0u);
@@ -159,7 +167,8 @@ TEST(Priority, ProcessClassesSetReadBackAndFail) {
     EXPECT_EQ(PltGetCurrentProcessPriority(&got), 0u);
     EXPECT_EQ(got, PRIO_HIGH);
     EXPECT_EQ(PltSetCurrentProcessPriority(4), static_cast<uint32_t>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(GetPriorityClass(GetCurrentProcess()), static_cast<DWORD>(ABOVE_NORMAL_PRIORITY_CLASS));
+    EXPECT_EQ(GetPriorityClass(GetCurrentProcess()),
+              static_cast<DWORD>(ABOVE_NORMAL_PRIORITY_CLASS));
     EXPECT_EQ(PltGetCurrentProcessPriority(nullptr), 87u);
     {
         ZT_FAIL_IMPORT(GetPriorityClass, ERROR_ACCESS_DENIED);
