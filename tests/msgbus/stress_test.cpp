@@ -47,6 +47,7 @@ void RunStress(bool async) {
     EXPECT_EQ(MBDeleteMsgBus(bus), 0u);
     if (async) EXPECT_EQ(g_completed.load(), threads * rounds);
     EXPECT_NO_LEAKS(before, zt::kIgnoreThreads);
+    zt::LeavesBehind({}, zt::kIgnoreThreads);
 }
 
 TEST(BusStress, HundredThreadsSubscribeSendUnsubscribe) { RunStress(false); }

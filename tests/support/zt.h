@@ -30,8 +30,17 @@ enum LiveMask : unsigned { kCheckAll = 0, kIgnoreThreads = 1, kIgnoreAllocations
 // The counters `expected` gives (non-zero) moved by exactly that much.
 ::testing::AssertionResult MovedBy(const PLT_RESOURCE_STATS& before,
                                    const PLT_RESOURCE_STATS& expected);
-// Every live counter and live byte count is back where it was in `before`.
-::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before, unsigned ignore = kCheckAll);
+// Every live counter and live byte count is back where it was in `before`,
+// or moved by exactly what `live` gives.
+::testing::AssertionResult LiveMovedBy(const PLT_RESOURCE_STATS& before,
+                                       const PLT_RESOURCE_STATS& live, unsigned ignore = kCheckAll);
+inline ::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before,
+                                          unsigned ignore = kCheckAll) {
+    return LiveMovedBy(before, PLT_RESOURCE_STATS{}, ignore);
+}
+// Every test is checked for leaks when it ends; a test that leaves objects
+// behind on purpose says which (live counters) and what to leave aside.
+void LeavesBehind(const PLT_RESOURCE_STATS& live, unsigned ignore = kCheckAll);
 
 // ---- import hooks ----
 // Replaces one import of ZendraPlatform.dll (by name, from any DLL) with a

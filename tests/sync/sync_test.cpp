@@ -40,7 +40,6 @@ TEST(MutexEvent, ResultsOwnershipKindsAndCounters) {
                  PltPulseEvent(&e), WaitZero(&e));
     EXPECT_CALLS("0 0 0 0", PltReleaseMutex(&m), PltDeleteMutex(&m), PltDeleteEvent(&e),
                  PltDeleteEvent(&a));
-    EXPECT_NO_LEAKS(before);
 }
 
 TEST(MutexEvent, BadHandlesCreationFailuresAndNullObjects) {
@@ -95,7 +94,6 @@ TEST(FastAndSpinLocks, CountInTheirOwnPairAndAreRecursive) {
         EXPECT_EQ(lock.SpinCount & 0xFFFFFF, 1024u);
         zt::TestThread([&] { entered = TryEnterCriticalSection(&lock); }).join();
         EXPECT_EQ(k.release(&lock) + entered + k.destroy(&lock), 0u) << "held by this thread";
-        EXPECT_NO_LEAKS(before);
     }
 }
 
@@ -139,7 +137,6 @@ struct RwLocks : ::testing::Test {
         K::Destroy(&lock);
         typename K::Lock zero{};
         EXPECT_EQ(memcmp(&lock, &zero, sizeof lock), 0) << "the record is zeroed";
-        EXPECT_NO_LEAKS(before);
     }
     // "readers/writers[/owner]"
     std::string State() {
@@ -222,7 +219,6 @@ TEST(RwLock, CreationFailuresCountOnlyWhatWasCreated) {
                           .LiveMutexCount = 1});
     DestroyReadWriteLock(&noMutex);
     DestroyReadWriteLock(&noEvent);
-    EXPECT_NO_LEAKS(before);
 }
 
 TEST(RemoveLock, OwnerWaitsForOtherUsersThenRefusesNewOnes) {
@@ -261,7 +257,8 @@ TEST(RemoveLock, OwnerWaitsForOtherUsersThenRefusesNewOnes) {
     start = GetTickCount64();
     EXPECT_EQ(PltReleaseRemoveLockAndWait(&bare, 100), 0u) << "a time-out is not reported";
     EXPECT_TRUE(GetTickCount64() - start >= 90 && bare.count == 0xFFFFFFFFu);
-    EXPECT_DELTA(before, {.EventCount = 2, .LiveEventCount = 2}) << "the owner closes the events";
+    EXPECT_DELTA(before, {.EventCount = 2, .LiveEventCount = 2});
+    zt::LeavesBehind({.LiveEventCount = 2});  // the owner closes the events
     CloseHandle(lock.event);
     CloseHandle(bare.event);
     EXPECT_EQ(PltAcquireRemoveLock(nullptr) + PltReleaseRemoveLock(nullptr) +
