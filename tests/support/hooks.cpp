@@ -1,4 +1,4 @@
-// Import hooks, allocation failures, guarded buffers, threads and Wine.
+// Import hooks, allocation failures, guarded buffers and waits.
 #include <string.h>
 
 #include "zt.h"
@@ -6,8 +6,6 @@
 namespace zt {
 
 DWORD g_importError;
-
-HMODULE LibraryModule() { return GetModuleHandleW(L"ZendraPlatform.dll"); }
 
 namespace {
 
@@ -55,15 +53,11 @@ const char* Arm(int nth) {
     return "HeapAlloc";
 }
 
-DWORD WINAPI RunBody(void* body) {
-    (*static_cast<std::function<void()>*>(body))();
-    return 0;
-}
-
 }  // namespace
 
 ImportHook::ImportHook(const char* function, void* replacement) {
-    slot_ = LibraryModule() != nullptr ? FindImportSlot(LibraryModule(), function) : nullptr;
+    HMODULE library = GetModuleHandleW(L"ZendraPlatform.dll");
+    slot_ = library != nullptr ? FindImportSlot(library, function) : nullptr;
     if (slot_ == nullptr) {
         ADD_FAILURE() << "ZendraPlatform.dll does not import " << function;
         return;
@@ -95,17 +89,6 @@ GuardedBuffer::GuardedBuffer(size_t size) {
     data_ = static_cast<char*>(region_) + usable - size;
 }
 
-TestThread::TestThread(std::function<void()> body) : body_(std::move(body)) {
-    h_ = CreateThread(nullptr, 0, &RunBody, &body_, 0, nullptr);
-}
-
-TestThread::~TestThread() {
-    join();
-    CloseHandle(h_);
-}
-
-bool TestThread::join(DWORD ms) { return WaitForSingleObject(h_, ms) == WAIT_OBJECT_0; }
-
 bool WaitUntil(const std::function<bool()>& condition, DWORD ms) {
     for (ULONGLONG deadline = GetTickCount64() + ms; !condition(); Sleep(1))
         if (GetTickCount64() > deadline) return false;
@@ -116,13 +99,6 @@ std::string Joined(std::initializer_list<int64_t> values) {
     std::string out;
     for (int64_t v : values) out += (out.empty() ? "" : " ") + std::to_string(v);
     return out;
-}
-
-const char* WineVersion() {
-    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-    auto fn = reinterpret_cast<const char* (*)()>(
-        reinterpret_cast<void*>(GetProcAddress(ntdll, "wine_get_version")));
-    return fn != nullptr ? fn() : nullptr;
 }
 
 }  // namespace zt

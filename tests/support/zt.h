@@ -1,5 +1,5 @@
 // Test support: resource-counter checks, import hooks for fault injection and
-// simulated answers, guarded buffers, thread helpers and Wine detection.
+// simulated answers, guarded buffers and thread helpers.
 #pragma once
 
 #include <windows.h>
@@ -50,14 +50,11 @@ class ImportHook {
 public:
     ImportHook(const char* function, void* replacement);
     ~ImportHook();
-    ImportHook(const ImportHook&) = delete;
-    ImportHook& operator=(const ImportHook&) = delete;
 
 private:
     void** slot_ = nullptr;
     void* original_ = nullptr;
 };
-HMODULE LibraryModule();
 
 // Makes an import fail: the replacement sets the chosen last error and
 // returns zero (null handle, FALSE, 0).   ZT_FAIL_IMPORT(CreateEventW, 8);
@@ -92,8 +89,6 @@ class GuardedBuffer {
 public:
     explicit GuardedBuffer(size_t size);
     ~GuardedBuffer() { VirtualFree(region_, 0, MEM_RELEASE); }
-    GuardedBuffer(const GuardedBuffer&) = delete;
-    GuardedBuffer& operator=(const GuardedBuffer&) = delete;
     void* data() const { return data_; }
     template <typename T>
     T* as() const {
@@ -110,8 +105,6 @@ class Signal {
 public:
     Signal() : h_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
     ~Signal() { CloseHandle(h_); }
-    Signal(const Signal&) = delete;
-    Signal& operator=(const Signal&) = delete;
     void set() { SetEvent(h_); }
     bool wait(DWORD ms = 10000) const { return WaitForSingleObject(h_, ms) == WAIT_OBJECT_0; }
     bool isSet() const { return wait(0); }
@@ -123,22 +116,21 @@ private:
 // A Win32 thread running a function, joined with a time-out on destruction.
 class TestThread {
 public:
-    explicit TestThread(std::function<void()> body);
-    ~TestThread();
-    TestThread(const TestThread&) = delete;
-    TestThread& operator=(const TestThread&) = delete;
-    bool join(DWORD ms = 30000);  // true when the thread ended in time
+    explicit TestThread(std::function<void()> body)
+        : body_(std::move(body)), h_(CreateThread(nullptr, 0, &Run, &body_, 0, nullptr)) {}
+    ~TestThread() { join(), CloseHandle(h_); }
+    bool join(DWORD ms = 30000) { return WaitForSingleObject(h_, ms) == WAIT_OBJECT_0; }
 
 private:
+    static DWORD WINAPI Run(void* body) {
+        return (*static_cast<std::function<void()>*>(body))(), 0;
+    }
     std::function<void()> body_;
     HANDLE h_;
 };
 
 // Polls until `condition` holds or `ms` pass, for states no event shows.
 bool WaitUntil(const std::function<bool()>& condition, DWORD ms = 10000);
-
-// Wine's version, null on Windows: tests mark known Wine deviations with it.
-const char* WineVersion();
 
 }  // namespace zt
 
@@ -151,7 +143,3 @@ const char* WineVersion();
 #define ZT_FAIL_IMPORT(function, error)                                                           \
     ::zt::ImportHook ZT_CONCAT(zt_failure_, __LINE__)((::zt::g_importError = (error), #function), \
                                                       ::zt::FailingVersionOf(&::function))
-#define ZT_SKIP_ON_WINE(reason)                                                      \
-    do {                                                                             \
-        if (::zt::WineVersion()) GTEST_SKIP() << "known Wine deviation: " << reason; \
-    } while (0)
