@@ -88,6 +88,7 @@ extern "C" PLT_STATUS PltFree(void** block, uint32_t tag) {
 }
 
 extern "C" PLT_STATUS PltGetResourceStats(PLT_RESOURCE_STATS* out) {
+    if (out == nullptr) return kInvalidParameter;
     // Eight aligned bytes at a time: every field is whole, the snapshot as a
     // whole is not.
     const uint64_t* from = reinterpret_cast<const uint64_t*>(&g_stats);

@@ -145,7 +145,7 @@ ZENDRA_API PLT_STATUS PltMalloc(void** out, uint32_t size, uint32_t flags, uint3
  * allocation; INVALID_PARAMETER for a null block or *block; HeapFree's error
  * (*block kept). A tag other than the block's is counted, never refused. */
 ZENDRA_API PLT_STATUS PltFree(void** block, uint32_t tag);
-/* Copies the counters field by field; 0. out must not be null. */
+/* Copies the counters field by field; 0, or INVALID_PARAMETER for a null out. */
 ZENDRA_API PLT_STATUS PltGetResourceStats(PLT_RESOURCE_STATS* out);
 /* Moves only the size's bucket counters (up both, or down the live one); 0. */
 ZENDRA_API PLT_STATUS UpdateMemoryUsage(uint32_t size, uint8_t increment);
@@ -409,6 +409,7 @@ typedef struct PLT_WORK_ITEM_POOL PLT_WORK_ITEM_POOL;
 typedef struct PLT_WORKER_ARGUMENT {
     PLT_WORK_ITEM_POOL* pool;
     uint32_t slot;
+    uint32_t state; /* private: whether the worker runs a callback */
 } PLT_WORKER_ARGUMENT;
 
 /* priority is one of PRIO_IDLE, PRIO_LOW, PRIO_NORMAL or PRIO_HIGH (os.h);
