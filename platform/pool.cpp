@@ -53,10 +53,6 @@ void FreePoolParts(PLT_WORK_ITEM_POOL* pool, bool lockMade) {
     PltFree(&memory, kPoolTag);
 }
 
-void StopPool(PLT_WORK_ITEM_POOL* pool) {
-    __atomic_store_n(&pool->stopping, uint8_t{1}, __ATOMIC_SEQ_CST);
-    SetEvent(pool->wake);
-}
 
 // The record, its event, its item list, its lock and the argument array; the
 // workers are started by the caller. False leaves the pool to TearDown.
@@ -90,6 +86,13 @@ bool BuildPool(PLT_WORK_ITEM_POOL* pool, uint32_t initial, uint32_t maximum, uin
 
 namespace zendra {
 
+void SetStopping(PLT_WORK_ITEM_POOL* pool, uint8_t value) {
+    EnterCriticalSection(&pool->queueLock);
+    __atomic_store_n(&pool->stopping, value, __ATOMIC_SEQ_CST);
+    LeaveCriticalSection(&pool->queueLock);
+    SetEvent(pool->wake);
+}
+
 PLT_STATUS ShutdownWait(PLT_WORK_ITEM_POOL* pool, uint32_t budgetMs) {
     // Every occupied slot is visited: the live count can lag behind the slots
     // while a worker retires, and a worker left running would outlive the
@@ -103,29 +106,36 @@ PLT_STATUS ShutdownWait(PLT_WORK_ITEM_POOL* pool, uint32_t budgetMs) {
         HANDLE thread = pool->threads[slot];
         LeaveCriticalSection(&pool->queueLock);
         if (thread == nullptr) continue;
-        if (!overBudget) {
-            ULONGLONG start = GetTickCount64();
-            DWORD outcome = WaitForSingleObject(thread, budgetMs);
-            waited += GetTickCount64() - start;
-            if (outcome == WAIT_FAILED) lastError = GetLastError();
-            if (outcome != WAIT_OBJECT_0) {
-                PltTerminateThread(thread);
-                ForgetWorker(pool, slot);
+        ULONGLONG start = GetTickCount64();
+        DWORD outcome = WaitForSingleObject(thread, overBudget ? 1 : budgetMs);
+        if (!overBudget) waited += GetTickCount64() - start;
+        if (outcome == WAIT_FAILED) lastError = GetLastError();
+        if (outcome == WAIT_TIMEOUT) {
+            // The budget has run out: workers take no more items, and only
+            // one running a callback is ended by force. Any other holds the
+            // queue or an item-list lock at most for a moment and then leaves;
+            // ending it there would leave that lock held for good.
+            SetStopping(pool, kNoMoreItems);
+            uint32_t running = kInCallback;
+            if (__atomic_compare_exchange_n(&pool->arguments[slot].state, &running, kClaimed, false,
+                                            __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+                if (overBudget)
+                    TerminateThread(thread, 0xFFFFFFFFu);
+                else
+                    PltTerminateThread(thread);
+            } else {
+                while (WaitForSingleObject(thread, 100) == WAIT_TIMEOUT) SetEvent(pool->wake);
             }
-            // A worker that ended keeps its handle open and stays counted.
-            if (budgetMs != PLT_INFINITE && waited > budgetMs) overBudget = true;
-        } else {
-            DWORD outcome = WaitForSingleObject(thread, 1);
-            if (outcome == WAIT_FAILED) lastError = GetLastError();
-            if (outcome == WAIT_TIMEOUT) TerminateThread(thread, 0xFFFFFFFFu);
-            ForgetWorker(pool, slot);
         }
+        // Ended, left or terminated: its handle is closed and its slot freed.
+        ForgetWorker(pool, slot);
+        if (budgetMs != PLT_INFINITE && waited > budgetMs) overBudget = true;
     }
     return lastError;
 }
 
 void DestroyPool(PLT_WORK_ITEM_POOL* pool, uint32_t timeoutMs) {
-    StopPool(pool);
+    SetStopping(pool, kDraining);
     ShutdownWait(pool, timeoutMs);
     FreePoolParts(pool, true);
 }
@@ -156,8 +166,10 @@ extern "C" PLT_STATUS PltInitWorkItemPool(PLT_WORK_ITEM_POOL** out, uint32_t ini
     }
     if (!ready) {
         // Creation failures are not reported: the caller sees a null pool.
-        if (pool->wake != nullptr) StopPool(pool);
-        if (lockMade) ShutdownWait(pool, kTeardownBudgetMs);
+        if (lockMade) {
+            SetStopping(pool, kDraining);
+            ShutdownWait(pool, kTeardownBudgetMs);
+        }
         FreePoolParts(pool, lockMade);
         return kOk;
     }
@@ -168,7 +180,7 @@ extern "C" PLT_STATUS PltInitWorkItemPool(PLT_WORK_ITEM_POOL** out, uint32_t ini
 extern "C" PLT_STATUS PltDeleteWorkItemPool(PLT_WORK_ITEM_POOL* pool, uint8_t runPending,
                                             uint32_t timeoutMs) {
     if (pool == nullptr) return kInvalidParameter;
-    __atomic_store_n(&pool->stopping, uint8_t{1}, __ATOMIC_SEQ_CST);
+    SetStopping(pool, kDraining);
     if (!runPending) DiscardQueue(pool);
     DestroyPool(pool, timeoutMs);
     return kOk;
@@ -189,9 +201,18 @@ extern "C" PLT_STATUS PltAddWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM** h
     // The handle is written before a worker can see the item, so that it may
     // live in memory the callback releases.
     if (handle != nullptr) *handle = item;
-    __atomic_fetch_add(&pool->pending, 1u, __ATOMIC_ACQ_REL);
 
     EnterCriticalSection(&pool->queueLock);
+    // Decided again under the lock: deletion sets stopping under it before it
+    // discards the queue, so an item queued here is never left behind.
+    if (__atomic_load_n(&pool->stopping, __ATOMIC_ACQUIRE)) {
+        LeaveCriticalSection(&pool->queueLock);
+        if (handle != nullptr) *handle = nullptr;
+        item->callback = nullptr;
+        ReturnItem(pool, item);
+        return kPoolStopping;
+    }
+    __atomic_fetch_add(&pool->pending, 1u, __ATOMIC_ACQ_REL);
     auto* link = reinterpret_cast<ListLink*>(&item->next);
     if (toFront)
         ListPushFront(&pool->queue, link);

@@ -42,19 +42,36 @@ bool ShouldRetire(PLT_WORK_ITEM_POOL* pool) {
     return true;
 }
 
-PLT_WORK_ITEM* TakeTail(PLT_WORK_ITEM_POOL* pool) {
+bool NoMoreItems(const PLT_WORK_ITEM_POOL* pool) {
+    return __atomic_load_n(&pool->stopping, __ATOMIC_ACQUIRE) == kNoMoreItems;
+}
+
+// Takes the item at the tail and, in the same hold of the queue lock, marks
+// the worker as running a callback: once the shutdown budget has run out no
+// worker starts one, and those already in one are known.
+PLT_WORK_ITEM* TakeTail(PLT_WORK_ITEM_POOL* pool, PLT_WORKER_ARGUMENT* self) {
     EnterCriticalSection(&pool->queueLock);
-    ListLink* link = ListPopBack(&pool->queue);
-    if (link != nullptr) link->next = link->prev = nullptr;
+    ListLink* link = NoMoreItems(pool) ? nullptr : ListPopBack(&pool->queue);
+    if (link != nullptr) {
+        link->next = link->prev = nullptr;
+        __atomic_store_n(&self->state, uint32_t{kInCallback}, __ATOMIC_SEQ_CST);
+    }
     LeaveCriticalSection(&pool->queueLock);
     if (link == nullptr) return nullptr;
     return reinterpret_cast<PLT_WORK_ITEM*>(reinterpret_cast<char*>(link) -
                                             offsetof(PLT_WORK_ITEM, next));
 }
 
-void Run(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM* item) {
+void Run(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM* item, PLT_WORKER_ARGUMENT* self) {
     PLT_WORK_ITEM_ROUTINE callback = item->callback;
     if (callback != nullptr) callback(item->argument1, item->argument2);
+    uint32_t running = kInCallback;
+    if (!__atomic_compare_exchange_n(&self->state, &running, uint32_t{kIdle}, false,
+                                     __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+        // Claimed by the shutdown while the callback ran: it is about to end
+        // this thread, which must not be holding any lock then.
+        for (;;) Sleep(INFINITE);
+    }
     item->callback = nullptr;
     PltFreeToLookasideList(&pool->items, item);
 }
@@ -66,6 +83,7 @@ namespace zendra {
 PLT_STATUS StartWorker(PLT_WORK_ITEM_POOL* pool, uint32_t slot) {
     pool->arguments[slot].pool = pool;
     pool->arguments[slot].slot = slot;
+    pool->arguments[slot].state = kIdle;
     PLT_STATUS status = PltCreateThread(reinterpret_cast<PLT_THREAD_ROUTINE>(&PltThreadFunc),
                                         &pool->arguments[slot], &pool->threads[slot], nullptr);
     if (status != kOk) return status;
@@ -104,14 +122,14 @@ extern "C" uint32_t PltThreadFunc(PLT_WORKER_ARGUMENT* argument) {
     bool retiring = false;
     // A stopping worker still drains the queue: it leaves only once nothing
     // is pending.
-    while (!retiring && (!Stopping(pool) || Pending(pool) != 0)) {
+    while (!retiring && (!Stopping(pool) || Pending(pool) != 0) && !NoMoreItems(pool)) {
         WaitForSingleObject(pool->wake, kWakeWaitMs);
         if (Stopping(pool) && Pending(pool) == 0) break;
-        PLT_WORK_ITEM* item = TakeTail(pool);
+        PLT_WORK_ITEM* item = TakeTail(pool, argument);
         if (item == nullptr) continue;
         __atomic_fetch_sub(&pool->pending, 1u, __ATOMIC_ACQ_REL);
         SetEvent(pool->wake);  // another worker may look at the queue
-        Run(pool, item);
+        Run(pool, item, argument);
         EnterCriticalSection(&pool->queueLock);
         retiring = !Stopping(pool) && ShouldRetire(pool);
         LeaveCriticalSection(&pool->queueLock);

@@ -21,11 +21,15 @@ extern "C" PLT_STATUS PltInitRemoveLock(PLT_REMOVE_LOCK* lock) {
 
 extern "C" PLT_STATUS PltAcquireRemoveLock(PLT_REMOVE_LOCK* lock) {
     if (lock == nullptr) return kInvalidParameter;
-    // Test and increment are separate steps: an acquisition racing with
-    // release-and-wait may still get in, and the owner then waits for it.
-    if (__atomic_load_n(&lock->removing, __ATOMIC_ACQUIRE) != 0) return kDeviceRemoved;
-    __atomic_fetch_add(&lock->count, 1u, __ATOMIC_ACQ_REL);
-    return kOk;
+    // Count first, then look: an acquisition that sees removing clear is
+    // counted before the owner's wait can end. A refused one takes its count
+    // back, and signals the owner if it was the last.
+    // Sequentially consistent with the owner's exchange and decrement: one of
+    // the two always sees the other's step.
+    __atomic_fetch_add(&lock->count, 1u, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&lock->removing, __ATOMIC_SEQ_CST) == 0) return kOk;
+    if (__atomic_sub_fetch(&lock->count, 1u, __ATOMIC_ACQ_REL) == 0) SetEvent(lock->event);
+    return kDeviceRemoved;
 }
 
 extern "C" PLT_STATUS PltReleaseRemoveLock(PLT_REMOVE_LOCK* lock) {
@@ -39,9 +43,9 @@ extern "C" PLT_STATUS PltReleaseRemoveLock(PLT_REMOVE_LOCK* lock) {
 
 extern "C" PLT_STATUS PltReleaseRemoveLockAndWait(PLT_REMOVE_LOCK* lock, uint32_t timeoutMs) {
     if (lock == nullptr) return kInvalidParameter;
-    uint32_t wasRemoving = __atomic_exchange_n(&lock->removing, 1u, __ATOMIC_ACQ_REL);
+    uint32_t wasRemoving = __atomic_exchange_n(&lock->removing, 1u, __ATOMIC_SEQ_CST);
     if (wasRemoving != 0) return wasRemoving;
-    if (__atomic_sub_fetch(&lock->count, 1u, __ATOMIC_ACQ_REL) == 0) SetEvent(lock->event);
+    if (__atomic_sub_fetch(&lock->count, 1u, __ATOMIC_SEQ_CST) == 0) SetEvent(lock->event);
     // Signalled, timed out and abandoned all return 0: a drained lock and an
     // expired wait look the same to the caller.
     uint32_t ignored;

@@ -58,7 +58,12 @@ extern "C" uint32_t AcquireWriteLock(PLT_RW_LOCK* lock, uint32_t* ticket) {
         return 0;
     }
     WaitForSingleObject(lock->mutex, INFINITE);
-    WaitForSingleObject(lock->noReaders, INFINITE);  // consumes the signal
+    // Consumes the signal. A reader's release drops the count and then sets
+    // the event; a reader that got in between leaves it set while it reads, so
+    // the count decides, and its own release sets the event again.
+    do {
+        WaitForSingleObject(lock->noReaders, INFINITE);
+    } while (__atomic_load_n(&lock->readers, __ATOMIC_ACQUIRE) != 0);
     *ticket = PLT_TICKET_WRITE;
     __atomic_store_n(&lock->owner, CurrentThreadId(), __ATOMIC_RELEASE);
     return 0;

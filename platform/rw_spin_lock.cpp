@@ -1,13 +1,48 @@
 // Reader-writer spin lock: one critical section and two counters. Readers
 // hold only their count; a writer holds the critical section for its whole
 // write and spins until the readers inside have left, so readers arriving
-// after a waiting writer queue behind it on the critical section.
+// after a waiting writer queue behind it on the critical section. A thread
+// that already reads does not queue: the writer waits for it, so queueing
+// would deadlock both (a bus callback unsubscribing from its own slot).
 #include <zendra/platform.h>
 
 #include "platform/status.h"
 #include "platform/sync_internal.h"
 
 using namespace zendra;
+
+namespace {
+
+// The read holds of the calling thread, by lock. Nesting depth is bounded by
+// the locks a thread reads at once (bus deliveries nested through callbacks);
+// beyond the table a nested read takes the ordinary path.
+struct ReadHold {
+    const PLT_RW_SPIN_LOCK* lock;
+    uint32_t depth;
+};
+constexpr int kReadHolds = 32;
+thread_local ReadHold t_reads[kReadHolds];
+
+ReadHold* FindHold(const PLT_RW_SPIN_LOCK* lock) {
+    for (ReadHold& hold : t_reads)
+        if (hold.lock == lock && hold.depth != 0) return &hold;
+    return nullptr;
+}
+
+void NoteRead(const PLT_RW_SPIN_LOCK* lock) {
+    if (ReadHold* hold = FindHold(lock)) {
+        ++hold->depth;
+        return;
+    }
+    for (ReadHold& hold : t_reads) {
+        if (hold.depth == 0) {
+            hold = {lock, 1};
+            return;
+        }
+    }
+}
+
+}  // namespace
 
 extern "C" uint32_t InitializeReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock) {
     if (lock == nullptr) return 0;
@@ -33,9 +68,15 @@ extern "C" void AcquireReadSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket) {
         *ticket = PLT_TICKET_READ_BY_WRITER;
         return;
     }
-    EnterCriticalSection(&lock->lock);  // waits while a writer holds it
-    __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
-    LeaveCriticalSection(&lock->lock);
+    if (FindHold(lock) != nullptr) {
+        // Already reading: a writer waiting here waits for this thread too.
+        __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
+    } else {
+        EnterCriticalSection(&lock->lock);  // waits while a writer holds it
+        __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
+        LeaveCriticalSection(&lock->lock);
+    }
+    NoteRead(lock);
     *ticket = PLT_TICKET_READ;
 }
 
@@ -62,6 +103,9 @@ extern "C" void ReleaseReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticke
     if (lock == nullptr || ticket == nullptr) return;
     switch (*ticket) {
         case PLT_TICKET_READ:
+            if (ReadHold* hold = FindHold(lock)) --hold->depth;
+            __atomic_fetch_sub(&lock->readers, 1u, __ATOMIC_ACQ_REL);
+            break;
         case PLT_TICKET_READ_BY_WRITER:
             __atomic_fetch_sub(&lock->readers, 1u, __ATOMIC_ACQ_REL);
             break;

@@ -57,10 +57,7 @@ struct Bus {
     explicit Bus(uint32_t types = 4, uint32_t actions = 4, uint32_t subscribers = 8) {
         EXPECT_EQ(MBCreateMsgBus(&bus, types, actions, subscribers), 0u);
     }
-    ~Bus() {
-        EXPECT_EQ(MBDeleteMsgBus(bus), 0u);
-        zt::LeavesBehind({}, zt::kIgnoreThreads);  // the pool's workers keep their handles
-    }
+    ~Bus() { EXPECT_EQ(MBDeleteMsgBus(bus), 0u); }
     PLT_STATUS sub(Probe& p, uint32_t t, uint32_t a) {
         return MBSubscribe(bus, &OnMessage, t, a, &p);
     }
@@ -98,16 +95,12 @@ TEST(BusCreate, TheGridItsBlocksAndAPoolAndTheTagZeroFreesOfDeletion) {
     EXPECT_EQ(MBDeleteMsgBus(bus), 0u);
     EXPECT_MOVED(created, {.TagMismatchCount = 1 + 3 * 2}) << "record and subscriber arrays";
     EXPECT_EQ(MBDeleteMsgBus(nullptr), 87u);
-    zt::LeavesBehind({}, zt::kIgnoreThreads);
 }
 
 // Allocations of a 2 x 2 bus: the record; per type its slot array and two
 // subscriber arrays; the message block; the pool's record, item chunk and
 // argument array; two start blocks.
 TEST(BusCreate, EveryAllocationFailureIsSurvivedAndDeletionFreesWhatWasMade) {
-    // Checked per allocation below: workers terminated by a failed creation
-    // keep their start blocks.
-    zt::LeavesBehind({}, zt::kIgnoreThreads | zt::kIgnoreAllocations);
     Probe p;
     const struct {
         int nth;
@@ -131,7 +124,7 @@ TEST(BusCreate, EveryAllocationFailureIsSurvivedAndDeletionFreesWhatWasMade) {
             s += std::to_string(MBSendMsgAsync(bus, 1, 1, nullptr, 0, nullptr, nullptr));
         EXPECT_EQ(s, c.subscribed) << c.nth;
         EXPECT_EQ(bus != nullptr ? MBDeleteMsgBus(bus) : 0, 0u);
-        EXPECT_NO_LEAKS(before, zt::kIgnoreThreads) << c.nth;
+        EXPECT_NO_LEAKS(before) << c.nth;
     }
     EXPECT_EQ(zt::SweepAllocationFailures([](int nth) {
                   PLT_RESOURCE_STATS before = zt::Snapshot();
@@ -141,9 +134,7 @@ TEST(BusCreate, EveryAllocationFailureIsSurvivedAndDeletionFreesWhatWasMade) {
                   bool failed = fail->failed();
                   delete fail;
                   EXPECT_EQ(bus != nullptr ? MBDeleteMsgBus(bus) : 0, 0u) << nth;
-                  PLT_RESOURCE_STATS d = zt::Delta(before, zt::Snapshot());
-                  EXPECT_LE(d.LiveAllocCount, d.ThreadCount - d.LiveThreadCount) << nth;
-                  EXPECT_NO_LEAKS(before, zt::kIgnoreThreads | zt::kIgnoreAllocations) << nth;
+                  EXPECT_NO_LEAKS(before) << nth;
                   return !failed;
               }),
               13);
@@ -254,6 +245,41 @@ TEST(SendMsg, EachLiveEntryOnceInEntryOrderAndCallbacksMayUnsubscribe) {
             << "null bus 6; no wildcard for sending";
 }
 
+// A callback that unsubscribes itself from, and sends to, its own slot while
+// another thread waits there to subscribe: the subscriber holds the slot's
+// critical section waiting for this reader, so the callback's own reads must
+// not queue behind it.
+struct Nested {
+    MB_MSG_BUS* bus;
+    zt::Signal inside;
+    std::string results;
+    static uint32_t Callback(uint32_t t, uint32_t a, void*, uint32_t length, void* context) {
+        auto* n = static_cast<Nested*>(context);
+        if (length != 0) return 0;  // the nested send
+        PLT_RW_SPIN_LOCK& lock = n->bus->types[t].slots[a].lock;
+        n->inside.set();
+        zt::WaitUntil([&] { return lock.writers == 1 && lock.lock.OwningThread != nullptr; });
+        n->results =
+            zt::Joined({MBSendMsg(n->bus, t, a, n, 1), MBUnsubscribe(n->bus, &Callback, t, a, n)});
+        return 0;
+    }
+};
+
+TEST(SendMsg, CallbacksReadTheirOwnSlotWhileASubscriberWaits) {
+    MB_MSG_BUS* bus = nullptr;
+    ASSERT_EQ(MBCreateMsgBus(&bus, 1, 1, 4), 0u);
+    Nested n{bus};
+    Probe late;
+    MBSubscribe(bus, &Nested::Callback, 0, 0, &n);
+    zt::TestThread sender([&] { MBSendMsg(bus, 0, 0, nullptr, 0); });
+    ASSERT_TRUE(n.inside.wait());
+    zt::TestThread subscriber([&] { MBSubscribe(bus, &OnMessage, 0, 0, &late); });
+    bool done = sender.join(5000) && subscriber.join(5000);
+    ASSERT_TRUE(done) << "deadlock";  // the bus is left to the stuck threads then
+    EXPECT_EQ(n.results, "0 0");
+    EXPECT_EQ(MBDeleteMsgBus(bus), 0u);
+}
+
 TEST(SendMsgAsync, CompletionGetsTheSynchronousResultOnAPoolThread) {
     Bus b;
     Completion empty, full;
@@ -308,7 +334,6 @@ TEST(SendMsgAsync, NoRecordGives8AndDeletionDrainsThenRefuses) {
     ASSERT_TRUE(deleter.join());
     EXPECT_EQ(status, 0u);
     EXPECT_EQ(gate.delivered, accepted) << "queued messages are delivered before the bus goes";
-    zt::LeavesBehind({}, zt::kIgnoreThreads);
 }
 
 TEST(Broadcast, OneRunPerLiveEntryAndOneCompletionWhenIndexZeroIsServed) {

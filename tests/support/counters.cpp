@@ -45,16 +45,13 @@ enum Scope { kEvery, kLive, kGiven };
 // Compares the moves since `before` with `expected`: over every field, the live
 // ones, or the ones `expected` gives (non-zero).
 ::testing::AssertionResult Compare(const PLT_RESOURCE_STATS& before,
-                                   const PLT_RESOURCE_STATS& expected, Scope scope,
-                                   unsigned ignore) {
+                                   const PLT_RESOURCE_STATS& expected, Scope scope) {
     PLT_RESOURCE_STATS d = Delta(before, Snapshot());
     std::ostringstream diff;
     for (size_t w = 0; w < kWords; ++w) {
         const std::string& name = FieldAt(w);
         if (name == "-" || (scope == kLive && name.rfind("Live", 0) != 0) ||
-            (scope == kGiven && Read(expected, w) == 0) ||
-            ((ignore & kIgnoreThreads) && name == "LiveThreadCount") ||
-            ((ignore & kIgnoreAllocations) && name.rfind("LiveAlloc", 0) == 0))
+            (scope == kGiven && Read(expected, w) == 0))
             continue;
         if (Read(d, w) != Read(expected, w))
             diff << "\n  " << name << " moved by " << static_cast<int64_t>(Read(d, w))
@@ -84,17 +81,17 @@ PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_ST
 
 ::testing::AssertionResult DeltaIs(const PLT_RESOURCE_STATS& before,
                                    const PLT_RESOURCE_STATS& expected) {
-    return Compare(before, expected, kEvery, kCheckAll);
+    return Compare(before, expected, kEvery);
 }
 
 ::testing::AssertionResult LiveMovedBy(const PLT_RESOURCE_STATS& before,
-                                       const PLT_RESOURCE_STATS& live, unsigned ignore) {
-    return Compare(before, live, kLive, ignore);
+                                       const PLT_RESOURCE_STATS& live) {
+    return Compare(before, live, kLive);
 }
 
 ::testing::AssertionResult MovedBy(const PLT_RESOURCE_STATS& before,
                                    const PLT_RESOURCE_STATS& expected) {
-    return Compare(before, expected, kGiven, kCheckAll);
+    return Compare(before, expected, kGiven);
 }
 
 }  // namespace zt

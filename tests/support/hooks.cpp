@@ -48,7 +48,8 @@ LPVOID WINAPI FailingHeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
 }
 
 const char* Arm(int nth) {
-    g_calls = g_failed = 0;
+    g_calls = 0;
+    g_failed = 0;
     InterlockedExchange(&g_failAt, nth);
     return "HeapAlloc";
 }

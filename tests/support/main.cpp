@@ -4,26 +4,21 @@
 namespace zt {
 
 PLT_RESOURCE_STATS g_start, g_left;
-unsigned g_ignore;
 
 // Every test ends with the live counters where they were when it started,
 // plus what it declared it leaves behind.
 class LeakCheck : public ::testing::EmptyTestEventListener {
     void OnTestStart(const ::testing::TestInfo&) override {
         g_left = PLT_RESOURCE_STATS{};
-        g_ignore = kCheckAll;
         g_start = Snapshot();
     }
     void OnTestEnd(const ::testing::TestInfo& test) override {
         if (test.result()->Skipped()) return;
-        EXPECT_TRUE(LiveMovedBy(g_start, g_left, g_ignore)) << "left behind by " << test.name();
+        EXPECT_TRUE(LiveMovedBy(g_start, g_left)) << "left behind by " << test.name();
     }
 };
 
-void LeavesBehind(const PLT_RESOURCE_STATS& live, unsigned ignore) {
-    g_left = live;
-    g_ignore = ignore;
-}
+void LeavesBehind(const PLT_RESOURCE_STATS& live) { g_left = live; }
 
 }  // namespace zt
 

@@ -20,9 +20,6 @@ std::string Joined(std::initializer_list<int64_t> values);
 PLT_RESOURCE_STATS Snapshot();
 // after - before, field by field (wrapping in 32/64 bits like the counters).
 PLT_RESOURCE_STATS Delta(const PLT_RESOURCE_STATS& before, const PLT_RESOURCE_STATS& after);
-// Live counters a check may leave aside, where the behaviour under test keeps
-// such objects on purpose.
-enum LiveMask : unsigned { kCheckAll = 0, kIgnoreThreads = 1, kIgnoreAllocations = 2 };
 // The counters moved by exactly `expected` since `before`: every field, so the
 // ones left out of `expected` must not have moved.
 ::testing::AssertionResult DeltaIs(const PLT_RESOURCE_STATS& before,
@@ -33,14 +30,10 @@ enum LiveMask : unsigned { kCheckAll = 0, kIgnoreThreads = 1, kIgnoreAllocations
 // Every live counter and live byte count is back where it was in `before`,
 // or moved by exactly what `live` gives.
 ::testing::AssertionResult LiveMovedBy(const PLT_RESOURCE_STATS& before,
-                                       const PLT_RESOURCE_STATS& live, unsigned ignore = kCheckAll);
-inline ::testing::AssertionResult NoLeaks(const PLT_RESOURCE_STATS& before,
-                                          unsigned ignore = kCheckAll) {
-    return LiveMovedBy(before, PLT_RESOURCE_STATS{}, ignore);
-}
+                                       const PLT_RESOURCE_STATS& live = {});
 // Every test is checked for leaks when it ends; a test that leaves objects
-// behind on purpose says which (live counters) and what to leave aside.
-void LeavesBehind(const PLT_RESOURCE_STATS& live, unsigned ignore = kCheckAll);
+// behind on purpose says which (live counters).
+void LeavesBehind(const PLT_RESOURCE_STATS& live);
 
 // ---- import hooks ----
 // Replaces one import of ZendraPlatform.dll (by name, from any DLL) with a
@@ -106,6 +99,7 @@ public:
     Signal() : h_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
     ~Signal() { CloseHandle(h_); }
     void set() { SetEvent(h_); }
+    void reset() { ResetEvent(h_); }
     bool wait(DWORD ms = 10000) const { return WaitForSingleObject(h_, ms) == WAIT_OBJECT_0; }
     bool isSet() const { return wait(0); }
 
@@ -134,7 +128,7 @@ bool WaitUntil(const std::function<bool()>& condition, DWORD ms = 10000);
 
 }  // namespace zt
 
-#define EXPECT_NO_LEAKS(before, ...) EXPECT_TRUE(::zt::NoLeaks(before, ##__VA_ARGS__))
+#define EXPECT_NO_LEAKS(before) EXPECT_TRUE(::zt::LiveMovedBy(before))
 #define EXPECT_DELTA(before, ...) EXPECT_TRUE(::zt::DeltaIs(before, PLT_RESOURCE_STATS __VA_ARGS__))
 #define EXPECT_CALLS(expected, ...) EXPECT_EQ(::zt::Joined({__VA_ARGS__}), expected)
 #define EXPECT_MOVED(before, ...) EXPECT_TRUE(::zt::MovedBy(before, PLT_RESOURCE_STATS __VA_ARGS__))

@@ -2,6 +2,7 @@
 // locks: results, counters, recursion, writer preference and failures.
 #include <string.h>
 
+#include <atomic>
 #include <string>
 
 #include "zt.h"
@@ -87,7 +88,7 @@ TEST(FastAndSpinLocks, CountInTheirOwnPair) {
         CRITICAL_SECTION lock;
         ASSERT_EQ(k.init(&lock) + k.acquire(&lock) + k.release(&lock), 0u);
         EXPECT_TRUE(zt::DeltaIs(before, k.counted));
-        EXPECT_CALLS("1024 0", lock.SpinCount & 0xFFFFFF, k.destroy(&lock));
+        EXPECT_CALLS("1024 0", static_cast<int64_t>(lock.SpinCount & 0xFFFFFF), k.destroy(&lock));
     }
 }
 
@@ -213,6 +214,78 @@ TEST(RwLock, CreationFailuresCountOnlyWhatWasCreated) {
                           .LiveMutexCount = 1});
     DestroyReadWriteLock(&noMutex);
     DestroyReadWriteLock(&noEvent);
+}
+
+// A reader's release drops the count to 0 and then sets the no-readers event;
+// the hook holds it between the two while a second reader enters and a writer
+// arrives, which must not take the late signal for an empty lock.
+std::atomic<DWORD> g_slowSetter;
+zt::Signal *g_inWindow, *g_leaveWindow;
+BOOL WINAPI SlowSetEvent(HANDLE event) {
+    if (g_slowSetter.exchange(0) == GetCurrentThreadId()) g_inWindow->set(), g_leaveWindow->wait();
+    return SetEvent(event);
+}
+
+TEST(RwLock, NoWriterBesideAReaderThatEnteredAsTheLastOneLeft) {
+    PLT_RW_LOCK lock;
+    uint32_t first = 0, second = 0, w = 0;
+    zt::Signal inWindow, leaveWindow;
+    g_inWindow = &inWindow;
+    g_leaveWindow = &leaveWindow;
+    InitializeReadWriteLock(&lock);
+    AcquireReadLock(&lock, &first);
+    zt::ImportHook hook("SetEvent", reinterpret_cast<void*>(&SlowSetEvent));
+    zt::TestThread leaving([&] {
+        g_slowSetter = GetCurrentThreadId();
+        ReleaseReadWriteLock(&lock, &first);
+    });
+    ASSERT_TRUE(inWindow.wait());
+    AcquireReadLock(&lock, &second);
+    zt::TestThread writer([&] { AcquireWriteLock(&lock, &w); });
+    ASSERT_TRUE(zt::WaitUntil([&] { return lock.writers == 1; }));
+    leaveWindow.set();
+    EXPECT_FALSE(zt::WaitUntil([&] { return lock.owner != 0; }, 1000))
+        << "a writer beside a reader";
+    ReleaseReadWriteLock(&lock, &second);
+    EXPECT_TRUE(writer.join(10000));
+    ReleaseReadWriteLock(&lock, &w);
+    DestroyReadWriteLock(&lock);
+}
+
+// The owner's wait ends only when no acquisition that succeeded is still held.
+// Users acquire in a loop and count themselves while they hold; the owner, once
+// its wait has ended, looks at that count and users look whether it has ended.
+// Sequentially consistent, one of the two always sees the other.
+TEST(RemoveLock, NoAcquisitionIsHeldOnceTheOwnersWaitHasEnded) {
+    int rounds = 0, late = 0;
+    for (ULONGLONG end = GetTickCount64() + 1500; GetTickCount64() < end; ++rounds) {
+        PLT_REMOVE_LOCK lock;
+        std::atomic<bool> ended{false}, stop{false};
+        std::atomic<int> holders{0}, seen{0}, acquired{0};
+        PltInitRemoveLock(&lock);
+        PltAcquireRemoveLock(&lock);
+        auto user = [&] {
+            while (!stop) {
+                if (PltAcquireRemoveLock(&lock) != 0) continue;
+                ++holders, ++acquired;
+                seen += ended;
+                --holders;
+                PltReleaseRemoveLock(&lock);
+            }
+        };
+        zt::TestThread a(user), b(user);
+        while (acquired < 200) YieldProcessor();  // both users busy
+        PltReleaseRemoveLockAndWait(&lock, PLT_INFINITE);
+        ended = true;
+        seen += holders;
+        stop = true;
+        a.join();
+        b.join();
+        late += seen;
+        CloseHandle(lock.event);  // the owner's: it stays counted
+    }
+    EXPECT_EQ(late, 0) << "acquisitions held after the owner's wait, in " << rounds << " rounds";
+    zt::LeavesBehind({.LiveEventCount = static_cast<uint32_t>(rounds)});
 }
 
 TEST(RemoveLock, OwnerWaitsForOtherUsersThenRefusesNewOnes) {
