@@ -6,5 +6,9 @@
 #include <zendra/msgbus.h>
 #include <zendra/os.h>
 #include <zendra/text.h>
+#include <zendra/net.h>
+#include <zendra/config.h>
+#include <zendra/io.h>
+#include <zendra/storage.h>
 
 #endif
