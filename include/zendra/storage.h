@@ -99,6 +99,86 @@ ZENDRA_API PLT_STATUS PltGetVolInfo(const wchar_t* volume, PLT_VOLINFO* info);
 
 /* ---- machine and OS information ---- */
 
+#define PLT_MACHINE_TEXT 129 /* characters of each text field, terminator included */
+
+/* Filled by PltGetMachineInfo; not cleared first, so fields written before a
+ * failing step stay. */
+typedef struct PLT_MACHINE_INFO {
+    wchar_t ComputerName[PLT_MACHINE_TEXT]; /* NetBIOS name */
+    wchar_t OsName[PLT_MACHINE_TEXT];       /* "ProductName CurrentVersion CurrentBuild" */
+    uint32_t MajorVersion;
+    uint32_t MinorVersion;
+    uint32_t BuildNumber;
+    uint32_t ServicePackMajor;
+    uint32_t ServicePackMinor;
+    uint32_t SuiteMask;
+    uint32_t ProductType;
+    wchar_t Architecture[PLT_MACHINE_TEXT]; /* "x86", "ARM", "Itanium", "x64" or "Unknown" */
+    wchar_t Processor[PLT_MACHINE_TEXT];    /* "ProcessorNameString Identifier" */
+    uint32_t NumberOfProcessors;
+    uint64_t TotalPhysicalMemory; /* bytes */
+} PLT_MACHINE_INFO;
+
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, OsName) == 258);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, MajorVersion) == 516);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, MinorVersion) == 520);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, BuildNumber) == 524);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, ServicePackMajor) == 528);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, ServicePackMinor) == 532);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, SuiteMask) == 536);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, ProductType) == 540);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, Architecture) == 544);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, Processor) == 802);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, NumberOfProcessors) == 1060);
+ZENDRA_LAYOUT(offsetof(PLT_MACHINE_INFO, TotalPhysicalMemory) == 1064);
+ZENDRA_LAYOUT(sizeof(PLT_MACHINE_INFO) == 1072);
+
+typedef struct PLT_MEMORY_STATUS {
+    uint64_t TotalPhysical;
+    uint64_t AvailablePhysical;
+    uint64_t TotalVirtual;
+    uint64_t AvailableVirtual;
+    uint64_t AvailableExtendedVirtual;
+} PLT_MEMORY_STATUS;
+
+ZENDRA_LAYOUT(sizeof(PLT_MEMORY_STATUS) == 40);
+
+/* Battery flags of PltGetBatteryPowerStatus. */
+#define PLT_POWER_ON_MAINS 1u
+#define PLT_POWER_NO_BATTERY 2u /* no system battery, or its status unknown */
+#define PLT_POWER_BATTERY_HIGH 4u
+#define PLT_POWER_BATTERY_LOW 8u
+#define PLT_POWER_BATTERY_CRITICAL 16u
+#define PLT_POWER_CHARGING 32u
+
+/* Memory, computer name, version, processors, then the registry reads, in that
+ * order; the first failure is returned. INVALID_PARAMETER for a null info. */
+ZENDRA_API PLT_STATUS PltGetMachineInfo(PLT_MACHINE_INFO* info);
+/* GetComputerNameW into name (chars characters); the length is not returned. */
+ZENDRA_API PLT_STATUS PltGetComputerName(wchar_t* name, uint32_t chars);
+/* The fully qualified DNS name; *chars in and out as GetComputerNameExW defines.
+ * INVALID_PARAMETER for a null chars. */
+ZENDRA_API PLT_STATUS PltGetMachineFQDN(wchar_t* name, uint32_t* chars);
+/* "LDAP://CN=computers,DC=..." from the labels after the first. With a null out,
+ * *bytes receives the size asked for (140 + 2 per character of fqdn); NO_MEMORY
+ * when *bytes is below it or the path would not fit. The dots after the first
+ * are overwritten with zero characters in fqdn. INVALID_PARAMETER for a null
+ * fqdn or bytes. */
+ZENDRA_API PLT_STATUS PltFQDNtoLDAPQuery(wchar_t* fqdn, wchar_t* out, uint32_t* bytes);
+/* INVALID_PARAMETER for a null status. */
+ZENDRA_API PLT_STATUS PltGetGlobalMemoryStatus(PLT_MEMORY_STATUS* status);
+/* *percent is preset to 14, which stays when the charge is unknown; with
+ * PLT_POWER_NO_BATTERY set, *percentValid is 0. INVALID_PARAMETER for any
+ * null pointer. */
+ZENDRA_API PLT_STATUS PltGetBatteryPowerStatus(uint32_t* flags, uint8_t* percentValid,
+                                               uint32_t* percent);
+/* Random bytes from the system's cryptographic provider. */
+ZENDRA_API PLT_STATUS PltGetRandom(uint8_t* buffer, uint32_t bytes);
+/* 0 whenever ExpandEnvironmentStringsW returns non-zero, also when out was
+ * too small and holds no complete result. */
+ZENDRA_API PLT_STATUS PltExpandEnvironmentStrings(const wchar_t* text, wchar_t* out,
+                                                  uint32_t chars);
+
 #ifdef __cplusplus
 }
 #endif
