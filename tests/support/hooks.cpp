@@ -1,4 +1,5 @@
-// Import hooks, allocation failures, guarded buffers and waits.
+// Import hooks (over the simulation's import patches), allocation failures, guarded buffers and
+// waits.
 #include <string.h>
 
 #include "zt.h"
@@ -8,34 +9,6 @@ namespace zt {
 DWORD g_importError;
 
 namespace {
-
-void** FindImportSlot(HMODULE module, const char* function) {
-    auto* base = reinterpret_cast<BYTE*>(module);
-    auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(
-        base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
-    const IMAGE_DATA_DIRECTORY& dir =
-        nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    for (auto* desc = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress);
-         dir.VirtualAddress != 0 && desc->Name != 0; ++desc) {
-        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(
-            base + (desc->OriginalFirstThunk ? desc->OriginalFirstThunk : desc->FirstThunk));
-        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + desc->FirstThunk);
-        for (; names->u1.AddressOfData != 0; ++names, ++slots) {
-            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
-            auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
-            if (strcmp(reinterpret_cast<const char*>(byName->Name), function) == 0)
-                return reinterpret_cast<void**>(&slots->u1.Function);
-        }
-    }
-    return nullptr;
-}
-
-void WriteSlot(void** slot, void* value) {
-    DWORD old = 0;
-    VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &old);
-    __atomic_store_n(slot, value, __ATOMIC_SEQ_CST);
-    VirtualProtect(slot, sizeof(void*), old, &old);
-}
 
 volatile LONG g_calls, g_failAt, g_failed;
 
@@ -56,19 +29,8 @@ const char* Arm(int nth) {
 
 }  // namespace
 
-ImportHook::ImportHook(const char* function, void* replacement) {
-    HMODULE library = GetModuleHandleW(L"ZendraPlatform.dll");
-    slot_ = library != nullptr ? FindImportSlot(library, function) : nullptr;
-    if (slot_ == nullptr) {
-        ADD_FAILURE() << "ZendraPlatform.dll does not import " << function;
-        return;
-    }
-    original_ = *slot_;
-    WriteSlot(slot_, replacement);
-}
-
-ImportHook::~ImportHook() {
-    if (slot_ != nullptr) WriteSlot(slot_, original_);
+ImportHook::ImportHook(const char* function, void* replacement) : patch_(function, replacement) {
+    if (!patch_.active()) ADD_FAILURE() << "ZendraPlatform.dll does not import " << function;
 }
 
 HeapFailure::HeapFailure(int nth) : hook_(Arm(nth), reinterpret_cast<void*>(&FailingHeapAlloc)) {}

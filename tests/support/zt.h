@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 #include <zendra/platform.h>
+#include <zendra/sim.h>
 
 namespace zt {
 
@@ -42,11 +43,9 @@ void LeavesBehind(const PLT_RESOURCE_STATS& live);
 class ImportHook {
 public:
     ImportHook(const char* function, void* replacement);
-    ~ImportHook();
 
 private:
-    void** slot_ = nullptr;
-    void* original_ = nullptr;
+    zendra::sim::ImportPatch patch_;
 };
 
 // Makes an import fail: the replacement sets the chosen last error and

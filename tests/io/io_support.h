@@ -1,0 +1,99 @@
+// Shared pieces of the file and I/O tests: a scratch directory, files with
+// given contents, and a completion callback that records what it saw.
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <zendra/io.h>
+#include <zendra/storage.h>
+
+#include "zt.h"
+
+namespace io {
+
+// Removes a tree whose paths may pass MAX_PATH (give it a "\\?\\" path).
+inline void RemoveTree(const std::wstring& dir) {
+    WIN32_FIND_DATAW found;
+    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &found);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &found)) {
+        std::wstring name = found.cFileName, path = dir + L"\\" + name;
+        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+            DeleteFileW(path.c_str());
+        else if (name != L"." && name != L"..")
+            RemoveTree(path);
+    }
+    if (find != INVALID_HANDLE_VALUE) FindClose(find);
+    RemoveDirectoryW(dir.c_str());
+}
+
+// A path in this run's scratch directory, removed when the program ends.
+inline std::wstring Tmp(const std::wstring& name) {
+    static const std::wstring base = [] {
+        wchar_t temp[MAX_PATH];
+        GetTempPathW(MAX_PATH, temp);
+        std::wstring dir = temp + (L"zendra_io_" + std::to_wstring(GetTickCount64()));
+        CreateDirectoryW(dir.c_str(), nullptr);
+        atexit([] { RemoveTree(L"\\\\?\\" + base); });
+        return dir;
+    }();
+    return base + L"\\" + name;
+}
+
+inline void Put(const std::wstring& path, const std::string& bytes) {
+    std::ofstream(std::filesystem::path(path), std::ios::binary | std::ios::trunc) << bytes;
+}
+
+inline std::string Slurp(const std::wstring& path) {
+    std::ifstream in(std::filesystem::path(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline bool IsDirectory(const std::wstring& path) {
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+inline bool OnWine() {
+    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+// Shared for reading and writing, so that several handles may be open.
+inline HANDLE Open(const std::wstring& path, uint32_t flags = PLT_FILE_CREATE | PLT_FILE_OPEN,
+                   uint32_t access = PLT_FILE_ACCESS_WRITE) {
+    HANDLE file = INVALID_HANDLE_VALUE;
+    EXPECT_EQ(PltCreateFile(path.c_str(), flags, access, 3, &file), 0u);
+    return file;
+}
+
+// What a completion callback was handed, and on which thread.
+struct Seen {
+    zt::Signal done;
+    std::atomic<int> calls{0};
+    HANDLE file = nullptr;
+    void* buffer = nullptr;
+    uint32_t bytes = 0, status = 0;
+    DWORD thread = 0;
+};
+
+inline uint32_t Record(HANDLE file, void* buffer, uint32_t bytes, void* context, uint32_t status) {
+    auto* seen = static_cast<Seen*>(context);
+    seen->file = file, seen->buffer = buffer, seen->bytes = bytes, seen->status = status;
+    seen->thread = GetCurrentThreadId();
+    ++seen->calls;
+    seen->done.set();
+    return 5;  // ignored
+}
+
+// The default pool for a test's lifetime; its end waits for queued
+// completions.
+struct DefaultPool {
+    DefaultPool() { EXPECT_EQ(PltInit(), 0u); }
+    ~DefaultPool() { EXPECT_EQ(PltCleanup(), 0u); }
+};
+
+}  // namespace io
