@@ -1,4 +1,5 @@
 // Opening a volume and finding the disk under one of its offsets.
+#include <stddef.h>
 #include <string.h>
 
 #include "platform/status.h"
@@ -11,14 +12,16 @@ namespace {
 constexpr DWORD kGuidPathUnits = 128;
 constexpr DWORD kLogicalToPhysical = 0x560020;  // IOCTL_VOLUME_LOGICAL_TO_PHYSICAL
 
-// VOLUME_PHYSICAL_OFFSETS with room for one entry.
+// VOLUME_PHYSICAL_OFFSETS with room for one entry, which is 8-aligned.
 struct PhysicalOffsets {
     uint32_t count;
+    uint32_t padding;
     uint32_t diskNumber;  // of the first entry
+    uint32_t entryPadding;
     int64_t offset;
-    uint32_t reserved[2];
 };
 static_assert(sizeof(PhysicalOffsets) == 24, "one physical offset");
+static_assert(offsetof(PhysicalOffsets, diskNumber) == 8, "the entry follows the count");
 
 }  // namespace
 
