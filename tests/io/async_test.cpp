@@ -16,17 +16,18 @@ TEST(CompletionRoutines, RunOnlyInTheIssuersAlertableWaitWithTheirOffsets) {
     std::wstring path = io::Tmp(L"apc.bin");
     HANDLE file = io::Open(path, PLT_FILE_CREATE | PLT_FILE_OVERLAPPED);
     std::string big(0x100000, 'b');
-    io::Seen w, a, r;
+    io::Seen w, r;
     PLT_RESOURCE_STATS before = zt::Snapshot();
     ASSERT_EQ(PltWriteFileAsync(file, 0, big.data(), 0x100000, io::Record, &w), 0u);
     EXPECT_MOVED(before, {.LiveAllocCount = 1, .UntaggedAllocCount = 1});
-    EXPECT_CALLS("0 192 1 1048576 0 1 1 1", WaitForSingleObject(GetCurrentProcess(), 50) == 0,
-                 SleepEx(10000, TRUE), int(w.calls), w.bytes, w.status,
-                 w.thread == GetCurrentThreadId(), w.buffer == big.data(), w.file == file)
+    EXPECT_CALLS("0 192 1 1048576 0 1 1 1",
+                 (WaitForSingleObject(GetCurrentProcess(), 50), int(w.calls)), SleepEx(10000, TRUE),
+                 int(w.calls), w.bytes, w.status, w.thread == GetCurrentThreadId(),
+                 w.buffer == big.data(), w.file == file)
         << "nothing before the alertable wait, then one callback on this thread";
     EXPECT_NO_LEAKS(before);
     char head[5] = {}, tail[5] = {};
-    ASSERT_EQ(PltWriteFileAsync(file, -1, "tail", 4, io::Record, &a), 0u);
+    ASSERT_EQ(PltWriteFileAsync(file, -1, "tail", 4, io::Record, &w), 0u);
     SleepEx(10000, TRUE);
     ASSERT_EQ(PltReadFileAsync(file, -1, head, 4, io::Record, &r), 0u);
     ASSERT_EQ(PltReadFileAsync(file, 0x100000, tail, 4, io::Record, &r), 0u);
@@ -85,54 +86,39 @@ TEST(Requests, EveryAllocationFailureIsReportedAndFreesWhatWasTaken) {
     ASSERT_EQ(PltOpenDriver(&device, L"SweepDevice"), 0u);
     io::DefaultPool pool;
     char buffer[16];
-    PLT_MAPPED_VIEW* view = nullptr;
-    void* base = nullptr;
-    struct Entry {
-        const char* name;
-        int failures;
-        std::function<PLT_STATUS(io::Seen*)> start;
-    } entries[] = {
-        {"PltReadFileAsync", 1,
-         [&](io::Seen* s) { return PltReadFileAsync(file, 0, buffer, 8, io::Record, s); }},
-        {"PltWriteFileAsync", 1,
-         [&](io::Seen* s) { return PltWriteFileAsync(file, 0, buffer, 8, io::Record, s); }},
-        {"PltReadAsync", 1,
-         [&](io::Seen* s) { return PltReadAsync(plain, 0, buffer, 8, io::Record, s); }},
-        {"PltWriteAsync", 1,
-         [&](io::Seen* s) { return PltWriteAsync(plain, 0, buffer, 8, io::Record, s); }},
-        {"PltTrimAsync", 2,
-         [&](io::Seen* s) { return PltTrimAsync(device, 0, 4096, io::Record, s); }},
-        {"PltTrimAsync without callback", 1,
-         [&](io::Seen* s) { return s->done.set(), PltTrimAsync(device, 0, 4096, nullptr, s); }},
-        {"PltMapViewOfFile", 1,
-         [&](io::Seen* s) {
-             PLT_STATUS status = PltMapViewOfFile(&view, &base, 0, plain, -1, 0);
-             if (status == 0) PltUnmapViewOfFile(view);
-             return s->done.set(), status;
-         }},
+    std::wstring deep = L"\\\\?\\" + io::Tmp(L"deep");
+    while (deep.size() < 1100) deep += L"\\" + std::wstring(200, L'n');
+    auto mapped = [&](io::Seen* s) {
+        PLT_MAPPED_VIEW* view = nullptr;
+        void* base = nullptr;
+        PLT_STATUS status = PltMapViewOfFile(&view, &base, 0, plain, -1, 0);
+        return s->done.set(), status ? status : PltUnmapViewOfFile(view);
     };
-    for (const Entry& e : entries)
+    // {allocations that can fail, start}; a start without callback sets done.
+    const std::pair<int, std::function<PLT_STATUS(io::Seen*)>> entries[] = {
+        {1, [&](io::Seen* s) { return PltReadFileAsync(file, 0, buffer, 8, io::Record, s); }},
+        {1, [&](io::Seen* s) { return PltWriteFileAsync(file, 0, buffer, 8, io::Record, s); }},
+        {1, [&](io::Seen* s) { return PltReadAsync(plain, 0, buffer, 8, io::Record, s); }},
+        {1, [&](io::Seen* s) { return PltWriteAsync(plain, 0, buffer, 8, io::Record, s); }},
+        {2, [&](io::Seen* s) { return PltTrimAsync(device, 0, 4096, io::Record, s); }},
+        {1, [&](io::Seen* s) { return s->done.set(), PltTrimAsync(device, 0, 1, nullptr, s); }},
+        {1, mapped},
+        {1, [&](io::Seen* s) { return s->done.set(), PltCreateDirectoryPath(deep.c_str()); }}};
+    for (const auto& [failures, start] : entries)
         EXPECT_EQ(zt::SweepAllocationFailures([&](int nth) {
                       PLT_RESOURCE_STATS before = zt::Snapshot();
                       io::Seen seen;
-                      PLT_STATUS status;
-                      bool failed;
-                      {
-                          zt::HeapFailure fail(nth);
-                          status = e.start(&seen);
-                          failed = fail.failed();
-                      }
-                      EXPECT_EQ(status, failed ? 8u : 0u) << e.name << " " << nth;
-                      if (!failed) {
-                          SleepEx(0, TRUE);
-                          EXPECT_TRUE(seen.done.wait()) << e.name;
-                      }
+                      auto* fail = new zt::HeapFailure(nth);
+                      PLT_STATUS status = start(&seen);
+                      bool failed = fail->failed();
+                      delete fail;
+                      EXPECT_EQ(status, failed ? 8u : 0u) << nth;
+                      EXPECT_TRUE(failed || (SleepEx(0, TRUE), seen.done.wait()));
                       EXPECT_TRUE(zt::WaitUntil([&] { return bool(zt::LiveMovedBy(before)); }))
-                          << e.name << " " << nth << zt::LiveMovedBy(before).message();
+                          << zt::LiveMovedBy(before).message();
                       return !failed;
                   }),
-                  e.failures)
-            << e.name;
+                  failures);
     EXPECT_CALLS("0 0 0", PltCloseFile(file), PltCloseFile(plain), PltCloseFile(device));
 }
 

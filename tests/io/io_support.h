@@ -15,17 +15,15 @@
 
 namespace io {
 
-// Removes a tree whose paths may pass MAX_PATH (give it a "\\?\\" path).
+// Removes a tree whose paths may pass MAX_PATH (given a "\\?\" path).
 inline void RemoveTree(const std::wstring& dir) {
     WIN32_FIND_DATAW found;
     HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &found);
     for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &found)) {
         std::wstring name = found.cFileName, path = dir + L"\\" + name;
         SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-            DeleteFileW(path.c_str());
-        else if (name != L"." && name != L"..")
-            RemoveTree(path);
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) DeleteFileW(path.c_str());
+        if (name != L"." && name != L"..") RemoveTree(path);
     }
     if (find != INVALID_HANDLE_VALUE) FindClose(find);
     RemoveDirectoryW(dir.c_str());
@@ -38,9 +36,10 @@ inline std::wstring Tmp(const std::wstring& name) {
         GetTempPathW(MAX_PATH, temp);
         std::wstring dir = temp + (L"zendra_io_" + std::to_wstring(GetTickCount64()));
         CreateDirectoryW(dir.c_str(), nullptr);
-        atexit([] { RemoveTree(L"\\\\?\\" + base); });
         return dir;
     }();
+    static const int removed = atexit([] { RemoveTree(L"\\\\?\\" + base); });  // before base goes
+    (void)removed;
     return base + L"\\" + name;
 }
 
@@ -53,13 +52,15 @@ inline std::string Slurp(const std::wstring& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+inline int64_t Size(const std::wstring& path) {
+    std::error_code missing;
+    uintmax_t size = std::filesystem::file_size(path, missing);
+    return missing ? -1 : static_cast<int64_t>(size);
+}
+
 inline bool IsDirectory(const std::wstring& path) {
     DWORD attributes = GetFileAttributesW(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
-}
-
-inline bool OnWine() {
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
 
 // Shared for reading and writing, so that several handles may be open.
@@ -83,8 +84,7 @@ struct Seen {
 inline uint32_t Record(HANDLE file, void* buffer, uint32_t bytes, void* context, uint32_t status) {
     auto* seen = static_cast<Seen*>(context);
     seen->file = file, seen->buffer = buffer, seen->bytes = bytes, seen->status = status;
-    seen->thread = GetCurrentThreadId();
-    ++seen->calls;
+    seen->thread = GetCurrentThreadId(), ++seen->calls;
     seen->done.set();
     return 5;  // ignored
 }
