@@ -86,7 +86,7 @@ TEST(Requests, EveryAllocationFailureIsReportedAndFreesWhatWasTaken) {
     ASSERT_EQ(PltOpenDriver(&device, L"SweepDevice"), 0u);
     io::DefaultPool pool;
     char buffer[16];
-    std::wstring deep = L"\\\\?\\" + io::Tmp(L"deep");
+    std::wstring root = L"\\\\?\\" + io::Tmp(L"deep"), deep = root;
     while (deep.size() < 1100) deep += L"\\" + std::wstring(200, L'n');
     auto mapped = [&](io::Seen* s) {
         PLT_MAPPED_VIEW* view = nullptr;
@@ -119,6 +119,7 @@ TEST(Requests, EveryAllocationFailureIsReportedAndFreesWhatWasTaken) {
                       return !failed;
                   }),
                   failures);
+    for (std::wstring p = deep; p != root; p.resize(p.rfind(L'\\'))) RemoveDirectoryW(p.c_str());
     EXPECT_CALLS("0 0 0", PltCloseFile(file), PltCloseFile(plain), PltCloseFile(device));
 }
 

@@ -15,20 +15,6 @@
 
 namespace io {
 
-// Removes a tree whose paths may pass MAX_PATH (given a "\\?\" path).
-inline void RemoveTree(const std::wstring& dir) {
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &found);
-    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &found)) {
-        std::wstring name = found.cFileName, path = dir + L"\\" + name;
-        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) DeleteFileW(path.c_str());
-        if (name != L"." && name != L"..") RemoveTree(path);
-    }
-    if (find != INVALID_HANDLE_VALUE) FindClose(find);
-    RemoveDirectoryW(dir.c_str());
-}
-
 // A path in this run's scratch directory, removed when the program ends.
 inline std::wstring Tmp(const std::wstring& name) {
     static const std::wstring base = [] {
@@ -38,7 +24,10 @@ inline std::wstring Tmp(const std::wstring& name) {
         CreateDirectoryW(dir.c_str(), nullptr);
         return dir;
     }();
-    static const int removed = atexit([] { RemoveTree(L"\\\\?\\" + base); });  // before base goes
+    static const int removed = atexit([] {  // registered after base, so it runs before base goes
+        std::error_code ignored;
+        std::filesystem::remove_all(base, ignored);
+    });
     (void)removed;
     return base + L"\\" + name;
 }
