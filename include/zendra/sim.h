@@ -119,6 +119,9 @@ public:
     Simulation& operator=(const Simulation&) = delete;
 
     bool active() const;  // every import was patched
+    // The description, to change while the simulation runs (a failing
+    // control code, a device's data). Adding or removing entries leaves open
+    // simulated handles pointing nowhere: do that with none open.
     Machine& machine() { return machine_; }
 
     // Every CreateFileW call (simulated or not) and every control call to a

@@ -107,6 +107,11 @@ TEST(Directories, CreateRemoveHideAndWholePaths) {
                  PltCreateDirectoryPath(prefixed.c_str()), PltCreateDirectoryPath(L"abc"),
                  PltCreateDirectoryPath(L"   "), PltCreateDirectoryPath(nullptr),
                  io::IsDirectory(d + L"\\p\\q"), io::IsDirectory(prefixed));
+    for (size_t n : {1023, 1024}) {  // the working copy goes to the heap from 1024 characters
+        PLT_RESOURCE_STATS before = zt::Snapshot();
+        PltCreateDirectoryPath((d + L"\\" + std::wstring(n - d.size() - 1, L'q')).c_str());
+        EXPECT_EQ(zt::Delta(before, zt::Snapshot()).UntaggedAllocCount, n == 1024 ? 1u : 0u);
+    }
     EXPECT_CALLS("145 0 0", PltRemoveDirectory(d.c_str()), PltRemoveDirectory(sub.c_str()),
                  PltRemoveDirectory((d + L"\\x").c_str()));
     std::wstring file = io::Tmp(L"ro.txt");

@@ -126,6 +126,7 @@ TEST(Volumes, PartitionAndDiskOfEveryFormOfName) {
 
 TEST(ExtentMap, OffsetsLengthsLimitsAndEveryWayOut) {
     Simulation sim(Storage());
+    ASSERT_TRUE(sim.active());
     PLT_FILE_EXTENT* extents = nullptr;
     uint32_t count = 0;
     PLT_RESOURCE_STATS before = zt::Snapshot();
