@@ -13,33 +13,29 @@ using namespace zendra;
 
 namespace {
 
-// The read holds of the calling thread, by lock. Nesting depth is bounded by
-// the locks a thread reads at once (bus deliveries nested through callbacks);
+// The read holds of the calling thread, by lock: usually none or one, so the
+// table is scanned only as far as it is used. Nesting depth is bounded by the
+// locks a thread reads at once (bus deliveries nested through callbacks);
 // beyond the table a nested read takes the ordinary path.
-struct ReadHold {
-    const PLT_RW_SPIN_LOCK* lock;
-    uint32_t depth;
+struct ReadHolds {
+    uint32_t used;
+    struct {
+        const PLT_RW_SPIN_LOCK* lock;
+        uint32_t depth;
+    } holds[16];
 };
-constexpr int kReadHolds = 32;
-thread_local ReadHold t_reads[kReadHolds];
+thread_local ReadHolds t_reads;
 
-ReadHold* FindHold(const PLT_RW_SPIN_LOCK* lock) {
-    for (ReadHold& hold : t_reads)
-        if (hold.lock == lock && hold.depth != 0) return &hold;
-    return nullptr;
+// The position of the thread's hold of `lock`, or `used` when it has none.
+uint32_t FindHold(const ReadHolds& mine, const PLT_RW_SPIN_LOCK* lock) {
+    uint32_t i = 0;
+    while (i < mine.used && mine.holds[i].lock != lock) ++i;
+    return i;
 }
 
-void NoteRead(const PLT_RW_SPIN_LOCK* lock) {
-    if (ReadHold* hold = FindHold(lock)) {
-        ++hold->depth;
-        return;
-    }
-    for (ReadHold& hold : t_reads) {
-        if (hold.depth == 0) {
-            hold = {lock, 1};
-            return;
-        }
-    }
+void DropRead(ReadHolds& mine, const PLT_RW_SPIN_LOCK* lock) {
+    uint32_t i = FindHold(mine, lock);
+    if (i < mine.used && --mine.holds[i].depth == 0) mine.holds[i] = mine.holds[--mine.used];
 }
 
 }  // namespace
@@ -68,15 +64,19 @@ extern "C" void AcquireReadSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket) {
         *ticket = PLT_TICKET_READ_BY_WRITER;
         return;
     }
-    if (FindHold(lock) != nullptr) {
+    ReadHolds& mine = t_reads;
+    uint32_t i = FindHold(mine, lock);
+    if (i < mine.used) {
         // Already reading: a writer waiting here waits for this thread too.
         __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
+        ++mine.holds[i].depth;
     } else {
         EnterCriticalSection(&lock->lock);  // waits while a writer holds it
         __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
         LeaveCriticalSection(&lock->lock);
+        if (mine.used < sizeof mine.holds / sizeof mine.holds[0])
+            mine.holds[mine.used++] = {lock, 1};
     }
-    NoteRead(lock);
     *ticket = PLT_TICKET_READ;
 }
 
@@ -103,7 +103,7 @@ extern "C" void ReleaseReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticke
     if (lock == nullptr || ticket == nullptr) return;
     switch (*ticket) {
         case PLT_TICKET_READ:
-            if (ReadHold* hold = FindHold(lock)) --hold->depth;
+            DropRead(t_reads, lock);
             __atomic_fetch_sub(&lock->readers, 1u, __ATOMIC_ACQ_REL);
             break;
         case PLT_TICKET_READ_BY_WRITER:
