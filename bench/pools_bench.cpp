@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <zendra/platform.h>
@@ -76,25 +77,34 @@ ZB_SUITE(lookaside) {
 }
 
 ZB_SUITE(workitems) {
-    const long kItems = zb::Count(5000, 20000);
-    for (int repetition = 0; repetition < 3; ++repetition) {
-        PLT_WORK_ITEM_POOL* pool = nullptr;
-        PltInitWorkItemPool(&pool, 2, 8, 2);
+    const long kItems = zb::Count(20000, 100000);
+    // Items per second with `producers` threads adding a share each.
+    auto rate = [&](int producers, auto add) {
         g_done = 0;
         double start = zb::NowNs();
-        for (long i = 0; i < kItems; ++i) PltAddWorkItem(pool, nullptr, &CountItem, 0, 0, 0);
-        WaitForCount(kItems);
-        double pool_s = (zb::NowNs() - start) / 1e9;
-        PltDeleteWorkItemPool(pool, 1, PLT_INFINITE);
-
-        g_done = 0;
-        start = zb::NowNs();
-        for (long i = 0; i < kItems; ++i) TrySubmitThreadpoolCallback(&CountTp, nullptr, nullptr);
-        WaitForCount(kItems);
-        double tp_s = (zb::NowNs() - start) / 1e9;
-        printf("%-52s %10.0f /s     %-34s %10.0f /s     %6.2fx\n",
-               "work items, one producer, empty callbacks", kItems / pool_s,
-               "TrySubmitThreadpoolCallback", kItems / tp_s, (kItems / pool_s) / (kItems / tp_s));
+        std::vector<std::thread> threads;
+        for (int p = 0; p < producers; ++p)
+            threads.emplace_back([&] {
+                for (long i = 0; i < kItems / producers; ++i) add();
+            });
+        for (std::thread& t : threads) t.join();
+        WaitForCount(kItems / producers * producers);
+        return kItems / ((zb::NowNs() - start) / 1e9);
+    };
+    for (int producers : {1, 4}) {
+        for (int repetition = 0; repetition < 3; ++repetition) {
+            PLT_WORK_ITEM_POOL* pool = nullptr;
+            PltInitWorkItemPool(&pool, 2, 8, 2);
+            double poolRate =
+                rate(producers, [&] { PltAddWorkItem(pool, nullptr, &CountItem, 0, 0, 0); });
+            PltDeleteWorkItemPool(pool, 1, PLT_INFINITE);
+            double tpRate =
+                rate(producers, [] { TrySubmitThreadpoolCallback(&CountTp, nullptr, nullptr); });
+            std::string name =
+                "work items, " + std::to_string(producers) + " producer(s), empty callbacks";
+            printf("%-52s %10.0f /s     %-34s %10.0f /s     %6.2fx\n", name.c_str(), poolRate,
+                   "TrySubmitThreadpoolCallback", tpRate, poolRate / tpRate);
+        }
     }
 
     // Latency from queueing to the callback starting, one item at a time on

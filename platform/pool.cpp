@@ -53,7 +53,6 @@ void FreePoolParts(PLT_WORK_ITEM_POOL* pool, bool lockMade) {
     PltFree(&memory, kPoolTag);
 }
 
-
 // The record, its event, its item list, its lock and the argument array; the
 // workers are started by the caller. False leaves the pool to TearDown.
 bool BuildPool(PLT_WORK_ITEM_POOL* pool, uint32_t initial, uint32_t maximum, uint32_t priority,
@@ -219,8 +218,11 @@ extern "C" PLT_STATUS PltAddWorkItem(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM** h
     else
         ListPushBack(&pool->queue, link);
     GrowPool(pool);  // its status is not the caller's concern
+    // The wake event is only for workers that announced a wait under this
+    // lock: one that announces later sees the item before it waits.
+    bool wake = pool->sleepers != 0;
     LeaveCriticalSection(&pool->queueLock);
-    SetEvent(pool->wake);
+    if (wake) SetEvent(pool->wake);
     return kOk;
 }
 

@@ -15,6 +15,8 @@ struct PLT_WORK_ITEM_POOL {
     uint32_t liveThreads;      // atomic
     zendra::ListLink queue;    // workers take from the tail
     uint8_t stopping;          // set once deletion begins, never cleared
+    uint8_t spare;
+    uint16_t sleepers;  // under the queue lock: workers that announced a wait
     uint32_t priority;
     PLT_WORKER_ARGUMENT* arguments;
     HANDLE threads[1];  // one slot per possible worker; null when free

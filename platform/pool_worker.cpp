@@ -13,6 +13,7 @@ using namespace zendra;
 namespace {
 
 constexpr DWORD kWakeWaitMs = 10000;
+constexpr int kSpinLooks = 2000;  // a few microseconds before blocking
 
 bool Stopping(const PLT_WORK_ITEM_POOL* pool) {
     return __atomic_load_n(&pool->stopping, __ATOMIC_ACQUIRE) != 0;
@@ -48,18 +49,44 @@ bool NoMoreItems(const PLT_WORK_ITEM_POOL* pool) {
 
 // Takes the item at the tail and, in the same hold of the queue lock, marks
 // the worker as running a callback: once the shutdown budget has run out no
-// worker starts one, and those already in one are known.
+// worker starts one, and those already in one are known. When more items wait
+// and another worker sleeps, that one is woken to share them.
 PLT_WORK_ITEM* TakeTail(PLT_WORK_ITEM_POOL* pool, PLT_WORKER_ARGUMENT* self) {
     EnterCriticalSection(&pool->queueLock);
     ListLink* link = NoMoreItems(pool) ? nullptr : ListPopBack(&pool->queue);
+    bool wakeAnother = false;
     if (link != nullptr) {
         link->next = link->prev = nullptr;
         __atomic_store_n(&self->state, uint32_t{kInCallback}, __ATOMIC_SEQ_CST);
+        __atomic_fetch_sub(&pool->pending, 1u, __ATOMIC_ACQ_REL);
+        wakeAnother = pool->sleepers != 0 && !ListEmpty(&pool->queue);
     }
     LeaveCriticalSection(&pool->queueLock);
     if (link == nullptr) return nullptr;
+    if (wakeAnother) SetEvent(pool->wake);
     return reinterpret_cast<PLT_WORK_ITEM*>(reinterpret_cast<char*>(link) -
                                             offsetof(PLT_WORK_ITEM, next));
+}
+
+// Waits for work when the queue is empty: a short spin first, then an
+// announced wait on the wake event, which an add signals only when someone
+// announced. Announcing and the last look at the queue share one hold of the
+// queue lock with the add's look at the sleepers, so no wake-up is lost.
+void AwaitWork(PLT_WORK_ITEM_POOL* pool) {
+    for (int spin = 0; spin < kSpinLooks && Pending(pool) == 0 && !Stopping(pool); ++spin)
+        YieldProcessor();
+    EnterCriticalSection(&pool->queueLock);
+    bool wait = ListEmpty(&pool->queue) && !Stopping(pool);
+    // A full count leaves this worker unannounced: it looks again soon instead.
+    bool announced = wait && pool->sleepers != UINT16_MAX;
+    if (announced) ++pool->sleepers;
+    LeaveCriticalSection(&pool->queueLock);
+    if (!wait) return;
+    WaitForSingleObject(pool->wake, announced ? kWakeWaitMs : 1);
+    if (!announced) return;
+    EnterCriticalSection(&pool->queueLock);
+    --pool->sleepers;
+    LeaveCriticalSection(&pool->queueLock);
 }
 
 void Run(PLT_WORK_ITEM_POOL* pool, PLT_WORK_ITEM* item, PLT_WORKER_ARGUMENT* self) {
@@ -122,13 +149,14 @@ extern "C" uint32_t PltThreadFunc(PLT_WORKER_ARGUMENT* argument) {
     bool retiring = false;
     // A stopping worker still drains the queue: it leaves only once nothing
     // is pending.
+    // A worker that finishes an item takes the next one without waiting
+    // while the queue is not empty.
     while (!retiring && (!Stopping(pool) || Pending(pool) != 0) && !NoMoreItems(pool)) {
-        WaitForSingleObject(pool->wake, kWakeWaitMs);
-        if (Stopping(pool) && Pending(pool) == 0) break;
         PLT_WORK_ITEM* item = TakeTail(pool, argument);
-        if (item == nullptr) continue;
-        __atomic_fetch_sub(&pool->pending, 1u, __ATOMIC_ACQ_REL);
-        SetEvent(pool->wake);  // another worker may look at the queue
+        if (item == nullptr) {
+            AwaitWork(pool);
+            continue;
+        }
         Run(pool, item, argument);
         EnterCriticalSection(&pool->queueLock);
         retiring = !Stopping(pool) && ShouldRetire(pool);
