@@ -1,5 +1,4 @@
 // PltGetVolInfo: the partition and the disk under a volume.
-#include <stdio.h>
 #include <string.h>
 
 #include <zendra/storage.h>
@@ -28,9 +27,7 @@ PLT_STATUS Query(HANDLE volume, PLT_VOLINFO* info) {
     uint32_t disk = 0;
     PLT_STATUS status = DiskOfOffset(volume, 1, &disk);
     if (status != kOk) return status;
-    _snwprintf(info->PhysicalDisk, kDiskNameLimit, L"\\\\.\\PHYSICALDRIVE%d",
-               static_cast<int>(disk));
-    info->PhysicalDisk[kDiskNameLimit - 1] = L'\0';
+    FormatDiskName(info->PhysicalDisk, kDiskNameLimit, disk);
     return kOk;
 }
 

@@ -1,5 +1,6 @@
 // Opening a volume and finding the disk under one of its offsets.
 #include <stddef.h>
+#include <stdio.h>
 #include <string.h>
 
 #include "platform/status.h"
@@ -25,8 +26,7 @@ static_assert(offsetof(PhysicalOffsets, diskNumber) == 8, "the entry follows the
 
 }  // namespace
 
-PLT_STATUS OpenVolume(const wchar_t* name, HANDLE* volume) {
-    *volume = INVALID_HANDLE_VALUE;
+PLT_STATUS VolumeGuidPath(const wchar_t* name, wchar_t* guidPath, DWORD chars, uint32_t copyFlags) {
     if (name == nullptr || name[0] == L'\0') return kInvalidParameter;
     size_t length = wcslen(name);
     wchar_t root[4] = {name[0], L':', L'\\', L'\0'};
@@ -37,7 +37,7 @@ PLT_STATUS OpenVolume(const wchar_t* name, HANDLE* volume) {
     } else if (name[length - 1] != L'\\') {
         if (length + 2 > UINT32_MAX / sizeof(wchar_t)) return kNoMemory;
         PLT_STATUS status =
-            PltMalloc(&copy, static_cast<uint32_t>((length + 2) * sizeof(wchar_t)), 0, 0);
+            PltMalloc(&copy, static_cast<uint32_t>((length + 2) * sizeof(wchar_t)), copyFlags, 0);
         if (status != kOk) return status;
         auto* text = static_cast<wchar_t*>(copy);
         memcpy(text, name, length * sizeof(wchar_t));
@@ -45,12 +45,19 @@ PLT_STATUS OpenVolume(const wchar_t* name, HANDLE* volume) {
         text[length + 1] = L'\0';
         mountPoint = text;
     }
-    wchar_t guidPath[kGuidPathUnits];
-    BOOL found = GetVolumeNameForVolumeMountPointW(mountPoint, guidPath, kGuidPathUnits);
+    BOOL found = GetVolumeNameForVolumeMountPointW(mountPoint, guidPath, chars);
     DWORD error = found ? 0 : GetLastError();
     if (copy != nullptr) PltFree(&copy, 0);
     if (!found) return error;
-    guidPath[kGuidPathUnits - 1] = L'\0';
+    guidPath[chars - 1] = L'\0';
+    return kOk;
+}
+
+PLT_STATUS OpenVolume(const wchar_t* name, HANDLE* volume) {
+    *volume = INVALID_HANDLE_VALUE;
+    wchar_t guidPath[kGuidPathUnits];
+    PLT_STATUS status = VolumeGuidPath(name, guidPath, kGuidPathUnits, 0);
+    if (status != kOk) return status;
     size_t guidLength = wcslen(guidPath);
     if (guidLength > 0) guidPath[guidLength - 1] = L'\0';  // its trailing backslash
     *volume =
@@ -68,6 +75,11 @@ PLT_STATUS DiskOfOffset(HANDLE volume, int64_t logicalOffset, uint32_t* disk) {
         return GetLastError();
     *disk = answer.count > 0 ? answer.diskNumber : 0xFFFFFFFFu;
     return kOk;
+}
+
+void FormatDiskName(wchar_t* out, size_t chars, uint32_t disk) {
+    _snwprintf(out, chars, L"\\\\.\\PHYSICALDRIVE%d", static_cast<int>(disk));
+    out[chars - 1] = L'\0';
 }
 
 }  // namespace zendra

@@ -3,10 +3,15 @@
 // it.
 //
 // The simulation replaces Win32 imports of ZendraPlatform.dll (entries of its
-// import address table) with fakes that answer from a description: volumes,
-// files with their extents, and devices with their data and their answers to
-// trims. Names and handles the description does not know go to the real
-// calls, so everything else keeps working while a simulation runs.
+// import address table) with fakes that answer from a description: physical
+// disks with their identification, geometry and partitions; volumes with
+// their names, mount paths, file systems and space; the Setup API's list of
+// disk interfaces (served when the library loads Setupapi.dll at run time);
+// files with their extents; and devices with their data and their answers to
+// trims. Faults are part of the description. Names and handles the
+// description does not know go to the real calls, so everything else keeps
+// working while a simulation runs; the volume list and the
+// "\\.\PHYSICALDRIVEn" names belong to the description alone.
 #pragma once
 
 #include <windows.h>
@@ -15,6 +20,7 @@
 
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -45,17 +51,88 @@ private:
 
 constexpr uint32_t kNoDisk = 0xFFFFFFFFu;
 
-// A volume mounted at "<letter>:\", known also by its GUID path.
+// A volume mounted at "<letter>:\" and at its mount paths, known also by its
+// GUID path.
 struct Volume {
-    wchar_t letter = L'S';
+    wchar_t letter = L'S';  // L'\0': no drive letter
     std::wstring guidPath;  // "\\?\Volume{...}\", trailing backslash included
-    uint32_t disk = 0;      // disk under logical offset 1; kNoDisk for none
+    uint32_t disk = 0;      // disk under logical offset 1 and of its extent; kNoDisk for none
     int64_t partitionOffset = 0;
-    int64_t partitionLength = 0;
+    int64_t partitionLength = 0;  // also the volume's size
     uint32_t sectorsPerCluster = 8;
     uint32_t bytesPerSector = 512;
     // Control codes this volume refuses, with the error they fail with.
     std::map<uint32_t, uint32_t> failing;
+    std::wstring label;
+    std::wstring fileSystem = L"NTFS";
+    std::vector<std::wstring> mountPaths;  // "C:\mnt\data\", trailing backslash included
+    uint64_t freeBytes = 0;                // free on the volume
+    uint64_t callerFreeBytes = 0;          // free to the caller, after quotas
+    UINT driveType = DRIVE_FIXED;
+    uint32_t infoError = 0;   // non-zero: GetVolumeInformationW fails with it
+    uint32_t spaceError = 0;  // non-zero: GetDiskFreeSpaceExW fails with it
+};
+
+// ---- physical disks ----
+
+enum class Layout { Mbr, Gpt, Raw };
+
+// One slot of a disk's partition table, in table order.
+struct Partition {
+    int64_t offset = 0;
+    int64_t length = 0;
+    uint32_t number = 0;
+    uint8_t mbrType = 0x07;  // MBR partition-type byte; 0 is an empty slot
+    GUID gptType = {};
+    bool rewrite = false;
+};
+
+// A disk opened as "\\.\PHYSICALDRIVE<number>".
+struct Disk {
+    uint32_t number = 0;
+    uint32_t busType = 11;  // STORAGE_BUS_TYPE: 3 ATA, 6 Fibre, 8 RAID, 9 iSCSI, 10 SAS, 11 SATA
+    // As the device reports them, blanks included; empty ones are not given.
+    std::string vendor, product, serial, revision;
+    int64_t size = 0;
+    uint32_t bytesPerSector = 512;
+    int64_t cylinders = 0;  // 0: the size over a cylinder's bytes
+    uint32_t tracksPerCylinder = 255, sectorsPerTrack = 63;
+    // Non-zero: the geometry carries extended INT 13 detection with these.
+    uint64_t exSectors = 0;
+    uint32_t exSectorSize = 0;
+    Layout layout = Layout::Mbr;
+    std::vector<Partition> partitions;
+    UINT driveType = DRIVE_FIXED;  // of "\\.\PHYSICALDRIVE<number>\"
+    // Faults: the open fails; control codes fail with the given error; the
+    // storage descriptor is answered as these bytes (StorageDescriptor gives
+    // the honest one to start from); the layout claims more partitions than
+    // it holds; the geometry states another size for its partition block.
+    uint32_t openError = 0;
+    std::map<uint32_t, uint32_t> failing;
+    std::vector<uint8_t> descriptor;
+    uint32_t claimedPartitions = 0;
+    uint32_t partitionInfoSize = 24;
+};
+
+// The STORAGE_DEVICE_DESCRIPTOR a disk answers: the header, then its
+// non-empty strings, each terminated.
+std::vector<uint8_t> StorageDescriptor(const Disk& disk);
+
+// ---- the Setup API ----
+
+// A present disk interface: its device path opens the disk numbered `disk`
+// (kNoDisk: the path does not open).
+struct DeviceInterface {
+    std::wstring path;
+    std::wstring instanceId;
+    uint32_t disk = 0;
+};
+
+struct SetupApi {
+    std::vector<DeviceInterface> disks;       // in enumeration order
+    uint32_t loadError = 0;                   // non-zero: loading Setupapi.dll fails with it
+    std::set<std::string> missing;            // entry points it does not export
+    std::map<std::string, uint32_t> failing;  // entry points that fail, with their error
 };
 
 // A run of clusters as the file system's retrieval pointers give it.
@@ -91,10 +168,23 @@ struct Device {
 };
 
 struct Machine {
-    std::vector<Volume> volumes;
+    std::vector<Volume> volumes;  // also the order of the volume search
     std::vector<File> files;
     std::vector<Device> devices;
+    std::vector<Disk> disks;
+    SetupApi setupApi;
+    uint32_t volumeSearchEnd = ERROR_NO_MORE_FILES;  // how the volume search ends
 };
+
+// Ready-made machines, for tests and benchmarks:
+// one SATA disk with an MBR table (two used slots, two empty) under C: and D:;
+Machine MbrMachine();
+// one SAS disk with a GPT table of four partitions (extended INT 13
+// detection), two of them volumes, one without a drive letter;
+Machine GptMachine();
+// disks 0, 2 and 5 (gaps in the numbering) and a removable disk 7, with
+// volumes on them, one on no disk, and a removable and a CD-ROM volume.
+Machine ThreeDiskMachine();
 
 // ---- the simulation ----
 
@@ -135,6 +225,20 @@ public:
     int pendingTrims() const;
     void FinishPending(uint32_t error = 0);
 
+    // What is still held: volume searches not closed, references to
+    // Setupapi.dll not freed, device information sets not destroyed, and
+    // LocalAlloc blocks not freed (of those allocated while it runs).
+    int volumeSearches() const;
+    int setupLoads() const;
+    int deviceSets() const;
+    int localBlocks() const;
+    // Setup API calls, by entry-point name, in order.
+    std::vector<std::string> setupCalls() const;
+
+    // Serves another module's imports too (a test program that calls Win32
+    // or the Setup API itself); only the imports it has are replaced.
+    void Serve(const wchar_t* module);
+
 private:
     struct Handle;
     friend struct Fakes;
@@ -144,8 +248,14 @@ private:
     std::vector<OpenCall> opens_;
     std::vector<ControlCall> controls_;
     std::vector<OVERLAPPED*> pending_;
+    std::map<HANDLE, size_t> searches_;  // volume search: the next volume
+    std::map<HANDLE, bool> sets_;        // device information set: lists disks
+    std::set<HLOCAL> localBlocks_;
+    std::vector<std::string> setupCalls_;
+    int setupLoads_ = 0;
     uintptr_t nextHandle_;
     std::vector<ImportPatch*> patches_;
+    std::vector<ImportPatch*> served_;
 };
 
 }  // namespace zendra::sim

@@ -93,9 +93,227 @@ ZENDRA_LAYOUT(sizeof(PLT_VOLINFO) == 288);
  * disk query). */
 ZENDRA_API PLT_STATUS PltGetVolInfo(const wchar_t* volume, PLT_VOLINFO* info);
 
+/* One fixed volume, as PltGetVolumes lists it. */
+typedef struct PLT_VOLUME_ENTRY {
+    wchar_t PhysicalDisk[129]; /* "\\.\PHYSICALDRIVEn" under logical offset 1; n is -1 for none */
+    wchar_t Label[128];        /* at most 127 characters */
+    wchar_t DisplayName[128];  /* "label (file system) ", trailing blank included; empty
+                                  without a label */
+    wchar_t VolumeName[256];   /* the GUID path as enumerated, trailing backslash included */
+    wchar_t FileSystem[16];    /* at most 15 characters */
+    uint8_t Reserved[6];       /* 0 */
+    uint64_t TotalBytes;       /* 0, like FreeBytes, when the size query failed */
+    uint64_t FreeBytes;        /* free on the volume, not only what the caller may use */
+} PLT_VOLUME_ENTRY;
+
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, PhysicalDisk) == 0);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, Label) == 258);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, DisplayName) == 514);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, VolumeName) == 770);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, FileSystem) == 1282);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, Reserved) == 1314);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, TotalBytes) == 1320);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_ENTRY, FreeBytes) == 1328);
+ZENDRA_LAYOUT(sizeof(PLT_VOLUME_ENTRY) == 1336);
+
+/* The block PltGetVolumes allocates (PltMalloc, tag 0): Count entries are
+ * filled; it has room for at least one more. Release it with PltFree and
+ * tag 0. */
+typedef struct PLT_VOLUME_LIST {
+    uint32_t Count;
+    uint32_t Reserved;
+    PLT_VOLUME_ENTRY Entries[1];
+} PLT_VOLUME_LIST;
+
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_LIST, Entries) == 8);
+ZENDRA_LAYOUT(sizeof(PLT_VOLUME_LIST) == 1344);
+
+/* Filled by PltGetVolumeInfo; zeroed first. */
+typedef struct PLT_VOLUME_SPACE {
+    uint64_t TotalBytes;
+    uint64_t FreeBytesAvailable; /* to the calling user */
+    uint64_t UsedBytes;          /* TotalBytes - FreeBytesAvailable */
+    wchar_t FileSystem[132];     /* at most 128 characters */
+} PLT_VOLUME_SPACE;
+
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_SPACE, FreeBytesAvailable) == 8);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_SPACE, UsedBytes) == 16);
+ZENDRA_LAYOUT(offsetof(PLT_VOLUME_SPACE, FileSystem) == 24);
+ZENDRA_LAYOUT(sizeof(PLT_VOLUME_SPACE) == 288);
+
+/* Lists the fixed volumes that map to a disk into a block it allocates.
+ * With diskNumberText, only those on "\\.\PHYSICALDRIVE<diskNumberText>"
+ * (exact, case-sensitive) are kept; the block is sized for all of them.
+ * A machine without enumerable volumes gives Count 0. INVALID_PARAMETER for
+ * a null list; NO_MEMORY; the volume search's error (*list stays null). */
+ZENDRA_API PLT_STATUS PltGetVolumes(const wchar_t* diskNumberText, PLT_VOLUME_LIST** list);
+/* The volume GUID path of a drive letter, mount path or GUID path, without
+ * its trailing backslash. INVALID_PARAMETER for a null or empty name or a
+ * null out; NO_MEMORY when outChars is below 48 (or for the working copy);
+ * the look-up's error. */
+ZENDRA_API PLT_STATUS PltNormalizeVolumeName(const wchar_t* name, wchar_t* out, uint32_t outChars);
+/* Free bytes available to the caller on the volume of root; *freeBytes is 0
+ * first. INVALID_PARAMETER for a null argument; GetDiskFreeSpaceExW's error. */
+ZENDRA_API PLT_STATUS PltGetVolumeFreeSpace(const wchar_t* root, uint64_t* freeBytes);
+/* Size, space available to the caller and file system of the volume of root
+ * (a backslash is appended when missing). INVALID_PARAMETER for a null
+ * argument or a root that does not fit 259 characters with its backslash;
+ * the error of GetDiskFreeSpaceExW or GetVolumeInformationW. */
+ZENDRA_API PLT_STATUS PltGetVolumeInfo(const wchar_t* root, PLT_VOLUME_SPACE* info);
+/* Bytes per cluster and per sector of the volume of path; a path whose second
+ * character is ':' (or of one character) is queried as its drive root.
+ * Either output may be null. INVALID_PARAMETER for a null path;
+ * GetDiskFreeSpaceW's error. */
+ZENDRA_API PLT_STATUS PltGetDiskAllocationUnitInfo(const wchar_t* path, uint32_t* clusterBytes,
+                                                   uint32_t* sectorBytes);
+/* The disk under a byte offset of a volume: 0xFFFFFFFF when it maps to none
+ * (set before the query). INVALID_PARAMETER for a null or empty volume or a
+ * null diskNumber; NO_MEMORY; the error of the look-up, open or control call. */
+ZENDRA_API PLT_STATUS PltGetPhysicalDiskNumber(const wchar_t* volume, int64_t logicalOffset,
+                                               uint32_t* diskNumber);
+/* The same as "\\.\PHYSICALDRIVEn" in out (outChars, terminated), written
+ * only on success. INVALID_PARAMETER for a null or empty volume, a null out
+ * or outChars 0; NO_MEMORY; the error of the look-up, open or control call. */
+ZENDRA_API PLT_STATUS PltGetPhysicalDisk(const wchar_t* volume, int64_t logicalOffset, wchar_t* out,
+                                         uint32_t outChars);
+
 /* ---- disks and partitions ---- */
 
+/* Kind of a PLT_STORAGE_ENTRY. */
+#define PLT_STORAGE_DISK 0
+#define PLT_STORAGE_VOLUME 1
+
+/* One physical disk or fixed volume, as PltEnumerateStorage lists it. */
+typedef struct PLT_STORAGE_ENTRY {
+    wchar_t Name[129];        /* "\\.\PHYSICALDRIVEn", or the GUID path without its
+                                 trailing backslash */
+    wchar_t DisplayName[129]; /* volumes: the mount paths, each terminated, ended by an
+                                 empty one; disks: empty */
+    uint32_t DiskNumber;      /* disks: n; volumes: 0 */
+    uint8_t Kind;             /* PLT_STORAGE_DISK or PLT_STORAGE_VOLUME */
+    uint8_t Reserved[3];
+} PLT_STORAGE_ENTRY;
+
+ZENDRA_LAYOUT(offsetof(PLT_STORAGE_ENTRY, DisplayName) == 258);
+ZENDRA_LAYOUT(offsetof(PLT_STORAGE_ENTRY, DiskNumber) == 516);
+ZENDRA_LAYOUT(offsetof(PLT_STORAGE_ENTRY, Kind) == 520);
+ZENDRA_LAYOUT(offsetof(PLT_STORAGE_ENTRY, Reserved) == 521);
+ZENDRA_LAYOUT(sizeof(PLT_STORAGE_ENTRY) == 524);
+
+/* PLT_DISK_INTERFACE: the disk's bus, from its storage descriptor. */
+typedef uint32_t PLT_DISK_INTERFACE;
+#define PLT_DISK_UNSUPPORTED 0u
+#define PLT_DISK_ATA 1u
+#define PLT_DISK_SAS 2u
+#define PLT_DISK_SATA 3u
+#define PLT_DISK_ISCSI 4u
+#define PLT_DISK_RAID 5u
+#define PLT_DISK_FIBRE 6u
+
+typedef struct PLT_DISK_INFO {
+    PLT_DISK_INTERFACE Interface;
+    wchar_t VendorId[41];        /* at most 39 characters */
+    wchar_t ProductId[41];       /* at most 39 characters */
+    wchar_t SerialNumber[21];    /* at most 19 characters, blanks around it removed */
+    wchar_t ProductRevision[55]; /* at most 7 characters */
+    uint64_t DiskSize;           /* bytes */
+    uint64_t TotalSectors;
+    uint32_t BytesPerSector;
+    uint32_t Reserved; /* 0 */
+} PLT_DISK_INFO;
+
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, VendorId) == 4);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, ProductId) == 86);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, SerialNumber) == 168);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, ProductRevision) == 210);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, DiskSize) == 320);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, TotalSectors) == 328);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, BytesPerSector) == 336);
+ZENDRA_LAYOUT(offsetof(PLT_DISK_INFO, Reserved) == 340);
+ZENDRA_LAYOUT(sizeof(PLT_DISK_INFO) == 344);
+
+/* Style of a PLT_PARTITION_ENTRY. */
+#define PLT_PARTITION_NEITHER 0u
+#define PLT_PARTITION_MBR 1u
+#define PLT_PARTITION_GPT 2u
+
+/* One used partition. Written field by field: the reserved parts are not
+ * touched, so callers zero the array first. */
+typedef struct PLT_PARTITION_ENTRY {
+    uint32_t Style; /* PLT_PARTITION_MBR, PLT_PARTITION_GPT or PLT_PARTITION_NEITHER */
+    uint32_t Reserved1;
+    int64_t PartitionLength; /* bytes; the length comes before the offset */
+    int64_t StartingOffset;  /* bytes from the start of the disk */
+    uint32_t PartitionNumber;
+    uint8_t RewritePartition;
+    uint8_t Reserved2[3];
+    union {
+        uint32_t Mbr; /* the partition-type byte */
+        GUID Gpt;     /* the partition-type GUID */
+    } PartitionType;
+    uint8_t Reserved3[264];
+} PLT_PARTITION_ENTRY;
+
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, Reserved1) == 4);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, PartitionLength) == 8);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, StartingOffset) == 16);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, PartitionNumber) == 24);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, RewritePartition) == 28);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, Reserved2) == 29);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, PartitionType) == 32);
+ZENDRA_LAYOUT(offsetof(PLT_PARTITION_ENTRY, Reserved3) == 48);
+ZENDRA_LAYOUT(sizeof(PLT_PARTITION_ENTRY) == 312);
+
+/* Lists physical disks (volumes 0: "\\.\PHYSICALDRIVE0" to 127, those that
+ * open and are fixed) or fixed volumes (volumes non-zero). *count 0 with null
+ * entries asks for the number; *count n with n entries fills and leaves *count
+ * as given. When the entries run out, disk mode stops quietly with 0, volume
+ * mode returns NO_MEMORY. INVALID_PARAMETER for a null count, or entries that
+ * do not go with *count; the volume search's error. */
+ZENDRA_API PLT_STATUS PltEnumerateStorage(PLT_STORAGE_ENTRY* entries, uint32_t* count,
+                                          uint8_t volumes);
+/* Bus, identification strings, size and geometry of an open physical disk;
+ * the record is zeroed first, and strings already filled stay when the
+ * geometry query fails. INVALID_PARAMETER for a null handle or info; the
+ * error of either control call. */
+ZENDRA_API PLT_STATUS PltGetDiskInfo(HANDLE disk, PLT_DISK_INFO* info);
+/* Used partitions in layout order: MBR slots of type 0 are left out. With
+ * null entries, *count receives the number; otherwise *count must hold it and
+ * stays as given. INVALID_PARAMETER for a null count or a null or invalid
+ * handle; NO_MEMORY when *count is too small or the layout buffer cannot be
+ * had; the layout query's error. */
+ZENDRA_API PLT_STATUS PltGetPartitionInfoByHandle(HANDLE disk, uint32_t* count,
+                                                  PLT_PARTITION_ENTRY* entries);
+/* The same for a disk named by device path (any text with a backslash; at
+ * most 64 characters are used) or by number ("1" is "\\.\PHYSICALDRIVE1").
+ * INVALID_PARAMETER for a null disk or count; the open's error; as above. */
+ZENDRA_API PLT_STATUS PltGetPartitionInfoByName(const wchar_t* disk, uint32_t* count,
+                                                PLT_PARTITION_ENTRY* entries);
+/* "\\.\PHYSICALDRIVE<diskNumberText>" into out (outChars, terminated; a null
+ * out writes nothing, a null text counts as empty). Always 0. */
+ZENDRA_API PLT_STATUS PltGetDiskName(const wchar_t* diskNumberText, wchar_t* out,
+                                     uint32_t outChars);
+
 /* ---- machine identity ---- */
+
+#define PLT_UNIQUE_ID_TAG PLT_TAG('Q', 'Z', 'P', 'I')
+
+/* The Plug and Play device instance identifier of a disk, given by number
+ * ("0") or device path ("\\.\PHYSICALDRIVE0", any case), found through the
+ * Setup API. With *id null the result is allocated (free it with PltFree and
+ * PLT_UNIQUE_ID_TAG); otherwise it is copied into *id, which must hold up to
+ * 4000 characters. The search stops at the first error: INVALID_PARAMETER
+ * (null disk or id, a number of -1); NO_MEMORY; NOT_FOUND; the error of the
+ * Setup API (ERROR_NO_MORE_ITEMS when no disk matched), of opening a disk or
+ * of its control call. */
+ZENDRA_API PLT_STATUS PltGetUniqueID(const wchar_t* disk, wchar_t** id);
+/* 20 bytes as 40 upper-case hexadecimal characters, no terminator written.
+ * INVALID_PARAMETER for a null pointer; the conversion's error. */
+ZENDRA_API PLT_STATUS PltGetEnCodedUniqueId(const uint8_t* value, wchar_t* out);
+/* A fixed placeholder text of at most 16 bytes for selectors 0 to 4 ("DUMMY_MODEL",
+ * "DUMMY_VENDOR", "DUMMY_FWRev", "DUMMY_SERIALNUM", "DUMMY_PRODUCT"); other
+ * selectors and a null out write nothing. Always 0. */
+ZENDRA_API PLT_STATUS PltGetDevInfoStr(uint64_t device, char* out, int32_t selector);
 
 /* ---- machine and OS information ---- */
 

@@ -10,5 +10,6 @@
 #include <zendra/config.h>
 #include <zendra/io.h>
 #include <zendra/storage.h>
+#include <zendra/selfcheck.h>
 
 #endif
