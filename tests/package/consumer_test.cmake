@@ -10,6 +10,7 @@ file(REMOVE_RECURSE ${PREFIX} ${CONSUMER_BUILD})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
 set(toolchain lib/cmake/ZendraPlatform/mingw-w64-x86_64.cmake)
 foreach(f bin/ZendraPlatform.dll lib/ZendraPlatform.lib include/zendra/platform.h
+          include/zendra/sim.h lib/libZendraPlatformSim.a
           lib/cmake/ZendraPlatform/ZendraPlatformConfig.cmake ${toolchain})
   if(NOT EXISTS ${PREFIX}/${f})
     message(FATAL_ERROR "not installed: ${f}")
@@ -24,4 +25,11 @@ execute_process(COMMAND env ZENDRA_WINEPREFIX=${WINEPREFIX_DIR} ${WINE_RUN} cons
 message("${out}")
 if(NOT rc EQUAL 0 OR NOT out MATCHES "allocations 1, live 0")
   message(FATAL_ERROR "consumer failed (${rc})")
+endif()
+# The simulated machine, linked from the installed ZendraPlatform::Sim.
+execute_process(COMMAND env ZENDRA_WINEPREFIX=${WINEPREFIX_DIR} ${WINE_RUN} sim_example.exe
+  WORKING_DIRECTORY ${CONSUMER_BUILD} RESULT_VARIABLE rc OUTPUT_VARIABLE out)
+message("${out}")
+if(NOT rc EQUAL 0 OR NOT out MATCHES "all answers match")
+  message(FATAL_ERROR "sim_example failed (${rc})")
 endif()
