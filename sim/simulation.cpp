@@ -92,7 +92,8 @@ Volume* Fakes::VolumeOf(Simulation& s, const wchar_t* name, bool root) {
                 if (n == Lower(path)) return &v;
         } else if ((lettered &&
                     (n == L"\\\\?\\" + letter + L":" || n == L"\\\\.\\" + letter + L":")) ||
-                   (!guid.empty() && n == guid.substr(0, guid.size() - 1))) {
+                   (!guid.empty() && (n == guid.substr(0, guid.size() - 1) ||
+                                      n == L"\\\\.\\" + guid.substr(4, guid.size() - 5)))) {
             return &v;
         }
     }

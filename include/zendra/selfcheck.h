@@ -56,6 +56,14 @@ ZENDRA_API uint32_t TestSHA1(PLT_REPORT_BUFFER* report);
 /* Logging: returns 1 in this build, whose logging exports are not
  * implemented. */
 ZENDRA_API uint32_t TestSystemLog(PLT_REPORT_BUFFER* report);
+/* The machine: clocks, disks with their partitions, volumes, machine
+ * information and identity, listed into the report as an inventory. 0 when
+ * every check passed, else 1. A machine without fixed disks fails the disk
+ * listing with the text of status 87. */
+ZENDRA_API uint32_t TestSystem(PLT_REPORT_BUFFER* report);
+/* Each fixed volume's partition length, allocation unit and physical disk.
+ * 0 when every check passed, else 1. */
+ZENDRA_API uint32_t TestVolume(PLT_REPORT_BUFFER* report);
 
 #ifdef __cplusplus
 }
