@@ -28,7 +28,8 @@ PLT_STATUS DiskOfOffset(HANDLE volume, int64_t logicalOffset, uint32_t* disk);
 // `chars` characters, always terminated.
 void FormatDiskName(wchar_t* out, size_t chars, uint32_t disk);
 
-// Fixed volumes that map to a disk, into up to `capacity` records (records
+// Fixed volumes whose disk can be asked (a volume on no disk is listed with
+// "\\.\PHYSICALDRIVE-1"), into up to `capacity` records (records
 // may be null). With a filter, only volumes whose disk name equals it
 // exactly. *found receives every matching volume, also those beyond the
 // capacity. 0 (and *found 0) when the machine lists no volume; otherwise the
