@@ -143,10 +143,6 @@ uint32_t TwoThreads(PLT_REPORT_BUFFER* report) {
     return result;
 }
 
-uint32_t Reported(PLT_REPORT_BUFFER* report, uint32_t result) {
-    return result != 0 ? Fail(report) : 0;
-}
-
 }  // namespace
 }  // namespace zendra::selfcheck
 

@@ -175,10 +175,6 @@ uint32_t SharedByWorkers() {
     return ok ? 0 : 1;
 }
 
-uint32_t Reported(PLT_REPORT_BUFFER* report, uint32_t result) {
-    return result != 0 ? Fail(report) : 0;
-}
-
 }  // namespace
 }  // namespace zendra::selfcheck
 

@@ -14,13 +14,6 @@ namespace {
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
 constexpr uint32_t kThreadWaitMs = 10000;
 
-void Line(PLT_REPORT_BUFFER* report, const wchar_t* format, ...) {
-    va_list args;
-    va_start(args, format);
-    AppendFormatV(report, kMessageLimit, format, args);
-    va_end(args);
-    Append(report, L"\r\n");
-}
 
 uint32_t Failed(PLT_REPORT_BUFFER* report, const wchar_t* description = nullptr) {
     Fail(report, description);
@@ -47,10 +40,10 @@ uint32_t WaitedFor(PLT_REPORT_BUFFER* report, uint32_t sleepMs, bool shouldFinis
     uint32_t result = 0, outcome = 0;
     if (PltWaitForThread(thread.handle, kThreadWaitMs, &result) != 0) result = 0;
     if (result == PLT_WAIT_SIGNALED) {
-        Line(report, L"Thread finished its job");
+        AppendLineFormat(report, kMessageLimit, L"Thread finished its job");
         if (!shouldFinish) outcome = Failed(report);
     } else if (result == PLT_WAIT_TIMEOUT) {
-        Line(report, L"Time out before thread finished its job. Must Kill Thread");
+        AppendLineFormat(report, kMessageLimit, L"Time out before thread finished its job. Must Kill Thread");
         if (PltTerminateThread(thread.handle) != 0 || shouldFinish) outcome = Failed(report);
     } else {
         outcome = Failed(report, L"Unknown Return code");
@@ -61,10 +54,10 @@ uint32_t WaitedFor(PLT_REPORT_BUFFER* report, uint32_t sleepMs, bool shouldFinis
 }
 
 uint32_t RunThreads(PLT_REPORT_BUFFER* report) {
-    Line(report, L"Test 1 to run threads");
-    Line(report, L"Invoke thread and wait for 10 seconds. Do nothing for 5 seconds in between");
+    AppendLineFormat(report, kMessageLimit, L"Test 1 to run threads");
+    AppendLineFormat(report, kMessageLimit, L"Invoke thread and wait for 10 seconds. Do nothing for 5 seconds in between");
     uint32_t result = WaitedFor(report, 5000, true);
-    Line(report, L"Invoke thread and wait for 10 seconds. Do nothing for 15 seconds in between");
+    AppendLineFormat(report, kMessageLimit, L"Invoke thread and wait for 10 seconds. Do nothing for 15 seconds in between");
     return result | WaitedFor(report, 15000, false);
 }
 
@@ -84,7 +77,7 @@ struct LockUser {
 
 void SharedLine(SharedLock* s, const wchar_t* format, uint32_t number) {
     PltAcquireFastLock(&s->printing);
-    Line(s->report, format, number);
+    AppendLineFormat(s->report, kMessageLimit, format, number);
     PltReleaseFastLock(&s->printing);
 }
 
@@ -104,7 +97,7 @@ uint32_t UseLock(void* context) {
 }
 
 uint32_t ThreadsSharingALock(PLT_REPORT_BUFFER* report) {
-    Line(report, L"Test 2 to run threads");
+    AppendLineFormat(report, kMessageLimit, L"Test 2 to run threads");
     SharedLock s{report, {}, {}, 0, 0};
     if (PltInitializeMutex(&s.lock, nullptr) != 0) return Failed(report);
     PltInitializeFastLock(&s.printing);
@@ -114,7 +107,7 @@ uint32_t ThreadsSharingALock(PLT_REPORT_BUFFER* report) {
     for (uint32_t i = 0; i < 3 && outcome == 0; ++i) {
         PltAcquireFastLock(&s.printing);
         if (i != 1)
-            Line(report, i == 0 ? L"Create thread 1 and wait for 10 ms before next one"
+            AppendLineFormat(report, kMessageLimit, i == 0 ? L"Create thread 1 and wait for 10 ms before next one"
                                 : L"Create thread 3 and wait for 20 seconds ....");
         PltReleaseFastLock(&s.printing);
         if (!StartThread(&threads[i], UseLock, &users[i]) || threads[i].id == 0)
@@ -133,7 +126,7 @@ uint32_t ThreadsSharingALock(PLT_REPORT_BUFFER* report) {
         ended = ended && result == PLT_WAIT_SIGNALED;
     }
     PltAcquireFastLock(&s.printing);
-    Line(report, L"attempt to delete all 3 threads");
+    AppendLineFormat(report, kMessageLimit, L"attempt to delete all 3 threads");
     PltReleaseFastLock(&s.printing);
     for (CheckThread& t : threads)
         if (t.handle != nullptr) JoinThread(&t, 0);
@@ -167,15 +160,15 @@ uint32_t ChildProcess(PLT_REPORT_BUFFER* report) {
 }
 
 uint32_t ModuleNames(PLT_REPORT_BUFFER* report) {
-    Line(report, L"Test to get the current executable name");
+    AppendLineFormat(report, kMessageLimit, L"Test to get the current executable name");
     wchar_t name[MAX_PATH], path[MAX_PATH], file[MAX_PATH];
     PLT_STATUS status = PltGetModuleName(nullptr, name, MAX_PATH);
     if (status != 0) return FailedWith(report, status);
-    Line(report, L"Module name: %s", name);
+    AppendLineFormat(report, kMessageLimit, L"Module name: %s", name);
     if ((status = PltGetModulePath(nullptr, path, MAX_PATH - 1)) != 0 ||
         (status = PltGetModuleFileName(nullptr, file, MAX_PATH - 1)) != 0)
         return FailedWith(report, status);
-    Line(report, L"Module path: %s", path);
+    AppendLineFormat(report, kMessageLimit, L"Module path: %s", path);
     // The path and the file name make up the full name again.
     size_t length = wcslen(path);
     return wcsncmp(name, path, length) == 0 && wcscmp(name + length, file) == 0 && file[0] != 0
@@ -189,30 +182,30 @@ const wchar_t* PriorityName(uint32_t priority) {
 }
 
 uint32_t Priorities(PLT_REPORT_BUFFER* report) {
-    Line(report, L"Test get-set priorities");
+    AppendLineFormat(report, kMessageLimit, L"Test get-set priorities");
     int raw = GetThreadPriority(GetCurrentThread());
     uint32_t initial = 0, now = 0, outcome = 0;
     if (PltGetThreadPriority(nullptr, &initial) != 0)
         return Failed(report, L"PltGetThreadPriority() FAILED");
-    Line(report, L"Initial Priority %ls", PriorityName(initial));
+    AppendLineFormat(report, kMessageLimit, L"Initial Priority %ls", PriorityName(initial));
     if (PltSetThreadPriority(nullptr, PRIO_HIGH) != 0)
         return Failed(report, L"PltSetThreadPriority() FAILED");
-    Line(report, L"Modified thread Priority to high ");
+    AppendLineFormat(report, kMessageLimit, L"Modified thread Priority to high ");
     if (PltGetThreadPriority(nullptr, &now) != 0 || now != PRIO_HIGH)
         outcome = Failed(report, L"PltGetThreadPriority() FAILED");
-    Line(report, L"Modified Priority %ls", PriorityName(now));
+    AppendLineFormat(report, kMessageLimit, L"Modified Priority %ls", PriorityName(now));
     if (PltSetThreadPriority(nullptr, initial) != 0)
         outcome = Failed(report, L"PltSetThreadPriority() FAILED");
     if (PltGetThreadPriority(nullptr, &now) != 0 || now != initial)
         outcome = Failed(report, L"PltGetThreadPriority() FAILED");
-    Line(report, L"Modified Priority back to --- %ls", PriorityName(now));
+    AppendLineFormat(report, kMessageLimit, L"Modified Priority back to --- %ls", PriorityName(now));
     // The scale is lossy: put the caller's exact priority back.
     SetThreadPriority(GetCurrentThread(), raw);
     return outcome;
 }
 
 uint32_t EnvironmentVariable(PLT_REPORT_BUFFER* report) {
-    Line(report, L"Test to get an environment variable");
+    AppendLineFormat(report, kMessageLimit, L"Test to get an environment variable");
     uint32_t size = 0;
     PLT_STATUS status = PltGetEnvironmentVariable(L"PATH", nullptr, &size);
     if (status != 0) return FailedWith(report, status);
@@ -220,7 +213,7 @@ uint32_t EnvironmentVariable(PLT_REPORT_BUFFER* report) {
     if ((status = PltMalloc(&value, size * sizeof(wchar_t), PLT_ALLOC_ZERO, 0)) != 0)
         return FailedWith(report, status);
     status = PltGetEnvironmentVariable(L"PATH", static_cast<wchar_t*>(value), &size);
-    if (status == 0) Line(report, L"%ls: %ls", L"PATH", static_cast<wchar_t*>(value));
+    if (status == 0) AppendLineFormat(report, kMessageLimit, L"%ls: %ls", L"PATH", static_cast<wchar_t*>(value));
     bool filled = static_cast<wchar_t*>(value)[0] != L'\0';
     PltFree(&value, 0);
     if (status != 0) return FailedWith(report, status);
@@ -242,7 +235,7 @@ uint32_t ProcessList(PLT_REPORT_BUFFER* report) {
     int64_t count = 0;
     PLT_STATUS status = PltGetProcessList(nullptr, 0, CountProcess, &count);
     if (status != 0) return FailedWith(report, status);
-    Line(report, L"ProcessCount: %lld", static_cast<long long>(count));
+    AppendLineFormat(report, kMessageLimit, L"ProcessCount: %lld", static_cast<long long>(count));
     return count > 0 ? 0 : Failed(report, L"Process count must be greater than zero");
 }
 

@@ -39,6 +39,14 @@ void AppendFormat(PLT_REPORT_BUFFER* report, size_t limit, const wchar_t* format
     va_end(args);
 }
 
+void AppendLineFormat(PLT_REPORT_BUFFER* report, size_t limit, const wchar_t* format, ...) {
+    va_list args;
+    va_start(args, format);
+    AppendFormatV(report, limit, format, args);
+    va_end(args);
+    Append(report, L"\r\n");
+}
+
 void AppendLine(PLT_REPORT_BUFFER* report, const wchar_t* text) {
     Append(report, text);
     Append(report, L"\r\n");

@@ -23,8 +23,14 @@ void AppendFormat(PLT_REPORT_BUFFER* report, size_t limit, const wchar_t* format
 void AppendFormatV(PLT_REPORT_BUFFER* report, size_t limit, const wchar_t* format, va_list args);
 // The text followed by "\r\n".
 void AppendLine(PLT_REPORT_BUFFER* report, const wchar_t* text);
+// Formats at most `limit` characters, appends them and "\r\n".
+void AppendLineFormat(PLT_REPORT_BUFFER* report, size_t limit, const wchar_t* format, ...);
 // A failure line: " : Failed - ", the description (if any), "\r\n". Returns 1.
 uint32_t Fail(PLT_REPORT_BUFFER* report, const wchar_t* description = nullptr);
+// A sub-check that reports no description: a bare failure line when it failed.
+inline uint32_t Reported(PLT_REPORT_BUFFER* report, uint32_t result) {
+    return result != 0 ? Fail(report) : 0;
+}
 // The system's text for a status (language neutral, inserts ignored, at
 // most 2048 characters) and "\r\n".
 void AppendSystemMessage(PLT_REPORT_BUFFER* report, uint32_t status);

@@ -16,13 +16,7 @@ namespace {
 constexpr uint32_t kNameChars = 260;
 
 // One listing line: at most kListingLimit characters, then "\r\n".
-void List(PLT_REPORT_BUFFER* report, const wchar_t* format, ...) {
-    va_list args;
-    va_start(args, format);
-    AppendFormatV(report, kListingLimit, format, args);
-    va_end(args);
-    Append(report, L"\r\n");
-}
+#define List(report, ...) AppendLineFormat(report, kListingLimit, __VA_ARGS__)
 
 // A check whose only failure is a status: its system message and a bare
 // failure line.

@@ -118,10 +118,6 @@ uint32_t ThousandThreads() {
     return ok && Load(&ranBehind) == 0 ? 0 : 1;
 }
 
-uint32_t Reported(PLT_REPORT_BUFFER* report, uint32_t result) {
-    return result != 0 ? Fail(report) : 0;
-}
-
 }  // namespace
 }  // namespace zendra::selfcheck
 
