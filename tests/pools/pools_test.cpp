@@ -348,12 +348,12 @@ TEST(Pool, ACallbackThatNeverReturnsIsTerminatedAtTheBudget) {
 std::atomic<DWORD> g_holder, g_adder, g_deleter;
 zt::Signal *g_held, *g_stopped, *g_added;
 void WINAPI SlowLeave(LPCRITICAL_SECTION section) {
-    if (g_holder.exchange(0) == GetCurrentThreadId()) g_held->set(), Sleep(500);
-    if (g_adder.exchange(0) == GetCurrentThreadId()) g_held->set(), g_stopped->wait();
+    if (zt::Claim(g_holder)) g_held->set(), Sleep(500);
+    if (zt::Claim(g_adder)) g_held->set(), g_stopped->wait();
     LeaveCriticalSection(section);
 }
 BOOL WINAPI NoteStopped(HANDLE event) {
-    if (g_deleter.exchange(0) == GetCurrentThreadId()) g_stopped->set(), g_added->wait();
+    if (zt::Claim(g_deleter)) g_stopped->set(), g_added->wait();
     return SetEvent(event);
 }
 uint32_t NoteHolder(uint64_t, uint64_t) { return g_holder = GetCurrentThreadId(), 0; }

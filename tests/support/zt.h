@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -121,6 +122,13 @@ private:
     std::function<void()> body_;
     HANDLE h_;
 };
+
+// True once, on the thread `marker` names, which it then clears: a hook acts on
+// that thread's next call however many other threads make the same call.
+inline bool Claim(std::atomic<DWORD>& marker) {
+    DWORD self = GetCurrentThreadId();
+    return marker.compare_exchange_strong(self, 0);
+}
 
 // Polls until `condition` holds or `ms` pass, for states no event shows.
 bool WaitUntil(const std::function<bool()>& condition, DWORD ms = 10000);
