@@ -200,7 +200,11 @@ struct ControlCall {
     bool overlapped;
 };
 
-// Installs the fakes for its lifetime; one simulation at a time.
+// Installs the fakes for its lifetime; one simulation at a time. Destroy it
+// only once no other thread is inside the library: a call that reaches a fake
+// after the simulation is gone has nothing to answer from. Every open and
+// control call is recorded for opens() and controls(); a long run records
+// them all, so give each phase of a long benchmark its own simulation.
 class Simulation {
 public:
     explicit Simulation(Machine machine);
