@@ -218,7 +218,8 @@ TEST(SelfChecks, TwoBusChecksAtOnceRunOneAfterTheOther) {
             EXPECT_EQ(g.callers.size(), 1u) << "the second check must wait for the first";
         }
         g.release.set();
-        EXPECT_TRUE(a.join() && b.join());
+        // Generous: under heap checking each check takes tens of seconds.
+        EXPECT_TRUE(a.join(300000) && b.join(300000));
     }
     size_t firstOfB = 0;
     while (firstOfB < g.callers.size() && g.callers[firstOfB] == ids[0]) ++firstOfB;
