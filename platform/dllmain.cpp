@@ -2,7 +2,13 @@
 // obtained lazily by the first call that needs them.
 #include <windows.h>
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+#include "platform/sync_internal.h"
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
     if (reason == DLL_PROCESS_ATTACH) DisableThreadLibraryCalls(instance);
+    // Unloaded while the process goes on: the read-hold tables' slot names a
+    // callback in this module, so it goes first. At process exit nothing
+    // needs freeing.
+    if (reason == DLL_PROCESS_DETACH && reserved == nullptr) zendra::ReleaseReadHoldTables();
     return TRUE;
 }

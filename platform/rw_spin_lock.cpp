@@ -16,7 +16,8 @@ namespace {
 // The read holds of the calling thread, by lock: usually none or one, so the
 // table is scanned only as far as it is used. Nesting depth is bounded by the
 // locks a thread reads at once (bus deliveries nested through callbacks);
-// beyond the table a nested read takes the ordinary path.
+// beyond the table, or for a thread that could not get one, a nested read
+// takes the ordinary path.
 struct ReadHolds {
     uint32_t used;
     struct {
@@ -24,7 +25,43 @@ struct ReadHolds {
         uint32_t depth;
     } holds[16];
 };
-thread_local ReadHolds t_reads;
+
+// Each reading thread's table sits on the process heap behind a fiber-local
+// slot, whose callback frees it when the thread ends (the library takes no
+// thread notifications). The compiler's thread_local goes through emulated
+// TLS here, which cost more than the rest of a bus send.
+DWORD g_holdsSlot = FLS_OUT_OF_INDEXES;
+
+void WINAPI FreeHolds(void* table) {
+    if (table != nullptr) HeapFree(GetProcessHeap(), 0, table);
+}
+
+DWORD HoldsSlot() {
+    DWORD slot = __atomic_load_n(&g_holdsSlot, __ATOMIC_ACQUIRE);
+    if (slot != FLS_OUT_OF_INDEXES) return slot;
+    DWORD mine = FlsAlloc(&FreeHolds);
+    if (mine == FLS_OUT_OF_INDEXES) return mine;
+    if (!__atomic_compare_exchange_n(&g_holdsSlot, &slot, mine, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE)) {
+        FlsFree(mine);  // another thread's slot won
+        return slot;
+    }
+    return mine;
+}
+
+// The calling thread's table; created on its first read when `create`.
+ReadHolds* Holds(bool create) {
+    DWORD slot = HoldsSlot();
+    if (slot == FLS_OUT_OF_INDEXES) return nullptr;
+    auto* mine = static_cast<ReadHolds*>(FlsGetValue(slot));
+    if (mine != nullptr || !create) return mine;
+    mine = static_cast<ReadHolds*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof *mine));
+    if (mine != nullptr && !FlsSetValue(slot, mine)) {
+        FreeHolds(mine);
+        mine = nullptr;
+    }
+    return mine;
+}
 
 // The position of the thread's hold of `lock`, or `used` when it has none.
 uint32_t FindHold(const ReadHolds& mine, const PLT_RW_SPIN_LOCK* lock) {
@@ -33,12 +70,22 @@ uint32_t FindHold(const ReadHolds& mine, const PLT_RW_SPIN_LOCK* lock) {
     return i;
 }
 
-void DropRead(ReadHolds& mine, const PLT_RW_SPIN_LOCK* lock) {
-    uint32_t i = FindHold(mine, lock);
-    if (i < mine.used && --mine.holds[i].depth == 0) mine.holds[i] = mine.holds[--mine.used];
+void DropRead(ReadHolds* mine, const PLT_RW_SPIN_LOCK* lock) {
+    if (mine == nullptr) return;
+    uint32_t i = FindHold(*mine, lock);
+    if (i < mine->used && --mine->holds[i].depth == 0) mine->holds[i] = mine->holds[--mine->used];
 }
 
 }  // namespace
+
+namespace zendra {
+
+void ReleaseReadHoldTables() {
+    DWORD slot = __atomic_exchange_n(&g_holdsSlot, FLS_OUT_OF_INDEXES, __ATOMIC_ACQ_REL);
+    if (slot != FLS_OUT_OF_INDEXES) FlsFree(slot);  // frees every thread's table
+}
+
+}  // namespace zendra
 
 extern "C" uint32_t InitializeReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock) {
     if (lock == nullptr) return 0;
@@ -64,18 +111,18 @@ extern "C" void AcquireReadSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticket) {
         *ticket = PLT_TICKET_READ_BY_WRITER;
         return;
     }
-    ReadHolds& mine = t_reads;
-    uint32_t i = FindHold(mine, lock);
-    if (i < mine.used) {
+    ReadHolds* mine = Holds(true);
+    uint32_t i = mine != nullptr ? FindHold(*mine, lock) : 0;
+    if (mine != nullptr && i < mine->used) {
         // Already reading: a writer waiting here waits for this thread too.
         __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
-        ++mine.holds[i].depth;
+        ++mine->holds[i].depth;
     } else {
         EnterCriticalSection(&lock->lock);  // waits while a writer holds it
         __atomic_fetch_add(&lock->readers, 1u, __ATOMIC_ACQ_REL);
         LeaveCriticalSection(&lock->lock);
-        if (mine.used < sizeof mine.holds / sizeof mine.holds[0])
-            mine.holds[mine.used++] = {lock, 1};
+        if (mine != nullptr && mine->used < sizeof mine->holds / sizeof mine->holds[0])
+            mine->holds[mine->used++] = {lock, 1};
     }
     *ticket = PLT_TICKET_READ;
 }
@@ -103,7 +150,7 @@ extern "C" void ReleaseReadWriteSpinLock(PLT_RW_SPIN_LOCK* lock, uint32_t* ticke
     if (lock == nullptr || ticket == nullptr) return;
     switch (*ticket) {
         case PLT_TICKET_READ:
-            DropRead(t_reads, lock);
+            DropRead(Holds(false), lock);
             __atomic_fetch_sub(&lock->readers, 1u, __ATOMIC_ACQ_REL);
             break;
         case PLT_TICKET_READ_BY_WRITER:

@@ -42,4 +42,7 @@ inline bool WriterIsCaller(const uint64_t* owner) {
     return __atomic_load_n(owner, __ATOMIC_ACQUIRE) == CurrentThreadId();
 }
 
+// Frees every thread's table of read holds; for an unload of the library.
+void ReleaseReadHoldTables();
+
 }  // namespace zendra
