@@ -164,13 +164,14 @@ PLT_STATUS Format(char** out, const wchar_t* format, ...) {
 
 TEST(Conversions, AllocatingUnderTheCallersTagIntoBuffersAndFailures) {
     PLT_RESOURCE_STATS before = zt::Snapshot();
-    EXPECT_EQ(Convert(AnsiToWide, "Count") + Convert(AnsiToTChar, "x"), L"Countx");
-    EXPECT_EQ(Convert(WideToAnsi, L"Count") + Convert(TCharToAnsi, L"x"), "Countx");
+    // The TChar names share these bodies (the export table test checks it).
+    EXPECT_EQ(Convert(AnsiToWide, "Count"), L"Count");
+    EXPECT_EQ(Convert(WideToAnsi, L"Count"), "Count");
     char* out = reinterpret_cast<char*>(1);
     ASSERT_EQ(Format(&out, L"%s is %d", L"Value", 100), 0u);
     EXPECT_CALLS("1 0", strcmp(out, "Value is 100") == 0,
                  PltFree(reinterpret_cast<void**>(&out), kTag));
-    EXPECT_DELTA(before, {.AllocCount = 6, .AllocBytes = 63, .AllocBySize = {6}});
+    EXPECT_DELTA(before, {.AllocCount = 4, .AllocBytes = 57, .AllocBySize = {4}});
     ASSERT_EQ(Format(&out, nullptr), 0u);
     EXPECT_CALLS("0 0", out[0], PltFree(reinterpret_cast<void**>(&out), kTag))
         << "a null format formats nothing";
@@ -197,9 +198,8 @@ TEST(Conversions, AllocatingUnderTheCallersTagIntoBuffersAndFailures) {
     zt::LeavesBehind({.LiveAllocCount = 1, .LiveAllocBytes = 4, .LiveAllocBySize = {1}});
     wchar_t wide[8];
     char ansi[8] = "#######";
-    EXPECT_CALLS("111 111 111 111 35 0 0 9 87 87", AnsiToWideEx("Count", wide, 5),
-                 AnsiToTCharEx("Count", wide, 5), WideToAnsiEx(L"Count", ansi, 5),
-                 TCharToAnsiEx(L"Count", ansi, 5), ansi[5], AnsiToWideEx("Count", wide, 6),
+    EXPECT_CALLS("111 111 35 0 0 9 87 87", AnsiToWideEx("Count", wide, 5),
+                 WideToAnsiEx(L"Count", ansi, 5), ansi[5], AnsiToWideEx("Count", wide, 6),
                  WideToAnsiEx(L"Count", ansi, 6), WideToAnsiEx(L"\u20AC", ansi, 8),
                  AnsiToWideEx(nullptr, wide, 8), WideToAnsiEx(L"x", nullptr, 8))
         << "the terminator must fit";
@@ -242,20 +242,19 @@ std::string SystemSha(const void* data, size_t length) {
     return Hex(digest);
 }
 
-TEST(Sha1, PublishedExamplesEveryLengthUnalignedGuardedAndHuge) {
-    EXPECT_EQ(Sha("Test", 5), "5B8486158773F33D47B298ADAEA411901463418F") << "with its zero";
-    EXPECT_EQ(Sha(nullptr, 0), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
-    EXPECT_EQ(Sha("abc", 3), "A9993E364706816ABA3E25717850C26C9CD0D89D");
+TEST(Sha1, EveryLengthUnalignedGuardedAndHugeAgainstTheSystem) {
+    // The reference itself against the published example; then every length
+    // up to a thousand, at every alignment, ending at a no-access page.
     ASSERT_EQ(SystemSha("abc", 3), "A9993E364706816ABA3E25717850C26C9CD0D89D") << "reference";
+    EXPECT_EQ(Sha(nullptr, 0), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
     std::mt19937 random(20240611);
-    std::vector<uint8_t> data(1 << 20);
+    std::vector<uint8_t> data(1016);
     for (uint8_t& b : data) b = static_cast<uint8_t>(random());
     for (size_t length = 0; length <= 1000; ++length) {
         zt::GuardedBuffer input(length);
         memcpy(input.data(), data.data() + length % 16, length);
         ASSERT_EQ(Sha(input.data(), length), SystemSha(input.data(), length)) << length;
     }
-    EXPECT_EQ(Sha(data.data() + 3, data.size() - 3), SystemSha(data.data() + 3, data.size() - 3));
     // 513 MiB is more than 2^32 bits, so the length's high half counts. The
     // pages are never written and cost no memory.
     const size_t huge = size_t{513} << 20;
