@@ -82,6 +82,10 @@ TEST(MachineChecks, ReportFaultsOfTheMachine) {
     const auto onNoDisk = [](Machine& m) { m.volumes[1].disk = kNoDisk; };
     const auto nothing = [](Machine& m) { m = Machine{}; };
     const auto threeDisks = [](Machine& m) { m = ThreeDiskMachine(); };
+    const auto laterWithoutId = [](Machine& m) {
+        m = ThreeDiskMachine();
+        m.setupApi.disks[0].instanceId.clear();  // disk 5, listed last
+    };
     const struct {
         const char* name;
         void (*plant)(Machine&);
@@ -99,6 +103,11 @@ TEST(MachineChecks, ReportFaultsOfTheMachine) {
         {"volume on no disk", onNoDisk, 1, L"Volume Size should be greater than 0.;", L"", 1,
          L"The physical disk number must be a valid number;"},
         {"three disks, a volume on none", threeDisks, 1, L"Volume Size should be greater than 0.;",
+         L"", 1, L"The physical disk number must be a valid number;"},
+        // Every disk's ID is asked for, not only the first one's.
+        {"a later disk without an id", laterWithoutId, 1,
+         L"Volume Size should be greater than 0.;PNP ID should be returned , so the string length "
+         L"should be greater than 0.;",
          L"", 1, L"The physical disk number must be a valid number;"},
         // No disks: the disk listing fails as 87, and the others still run;
         // the volume search fails with its own error.
